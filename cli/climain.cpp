@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// tessel-cli: the headless front end to Tessel's engine and editor.
+
+#include "cli/cmdinspect.h"
+#include "cli/version.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+void PrintHelp(std::FILE* to) {
+    std::fputs("Usage: tessel-cli [OPTION] COMMAND [ARGUMENT]...\n"
+               "\n"
+               "Tessel's command-line front end: the same engine and editor as the desktop\n"
+               "program, without windows.\n"
+               "\n"
+               "Commands:\n"
+               "  inspect FILE   Print the chunk tree of a structured data file (effect\n"
+               "                 presets and chains, projects, cache item information,\n"
+               "                 cut-list links): file type and version, then each chunk's\n"
+               "                 identifier, type, length and value, nested by indentation.\n"
+               "\n"
+               "Options:\n"
+               "  -h, --help     Show this help and exit.\n"
+               "  -V, --version  Show the version and exit.\n"
+               "\n"
+               "Exit status: 0 on success, 1 when a command fails, 2 on a usage error.\n",
+               to);
+}
+
+int UsageError(char const* message) {
+    std::fprintf(stderr, "tessel-cli: %s\nTry 'tessel-cli --help' for more information.\n",
+                 message);
+    return kExitUsage;
+}
+
+int RunInspect(int argc, char** argv) {
+    if (argc != 1) {
+        return UsageError(argc == 0 ? "inspect needs a FILE" : "inspect takes exactly one FILE");
+    }
+    std::string out;
+    std::string error;
+    if (!LInspectStructuredDataFile(argv[0], out, error)) {
+        std::fprintf(stderr, "tessel-cli: %s: %s\n", argv[0], error.c_str());
+        return kExitFailed;
+    }
+    std::fwrite(out.data(), 1, out.size(), stdout);
+    return std::fflush(stdout) == 0 ? kExitOk : kExitFailed;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        PrintHelp(stderr);
+        return kExitUsage;
+    }
+    char const* const command = argv[1];
+    if (std::strcmp(command, "-h") == 0 || std::strcmp(command, "--help") == 0 ||
+        std::strcmp(command, "help") == 0) {
+        PrintHelp(stdout);
+        return kExitOk;
+    }
+    if (std::strcmp(command, "-V") == 0 || std::strcmp(command, "--version") == 0) {
+        std::printf("tessel-cli %s\n", TESSEL_VERSION);
+        return kExitOk;
+    }
+    if (std::strcmp(command, "inspect") == 0) {
+        return RunInspect(argc - 2, argv + 2);
+    }
+    std::string const message = std::string("unknown command '") + command + "'";
+    return UsageError(message.c_str());
+}

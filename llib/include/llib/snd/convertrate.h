@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// Sample-rate conversion by a polyphase windowed-sinc filter.
+//
+// LConvertRateBase turns a rate pair into P phases (sub-sample positions between two input
+// frames) and a step S (input advance per output frame, in 1/P frames) and computes the table of
+// P rows of `taps` coefficients: a sinc at cutoff fc (relative to the input's Nyquist
+// frequency) under a Kaiser window. Exact mode makes S/P the exact ratio; approximate mode picks
+// the best fraction with at most 255 phases. Output frame k lies at input position k * S / P.
+//
+// LSRCConvertRate is the transforming source over it: it reports the target rate, and its
+// positions, length and Seek are in output frames. The output length is the number of output
+// positions that fall before the input's end, ceil(inputEnd * P / S). Input is pulled in blocks,
+// split into one plane per channel so each output sample is one contiguous dot product, and the
+// frames before the input's first frame read as silence. Read allocates nothing.
+//
+// The constructors' last flag (`normalize`) scales each table row to a sum of exactly 1, which
+// removes the small ripple of DC gain across phases; the plain table is the default.
+
+#include "llib/snd/soundprocess.h"
+
+#include <cstdint>
+#include <vector>
+
+inline constexpr int kLConvertRateTaps = 63;
+
+class LConvertRateBase {
+public:
+    // `outRate` 0 or less means 44100; `inRate` below 1 is taken as 44100 too.
+    LConvertRateBase(int inRate, int outRate, int taps, bool approximate, bool normalize = false);
+
+    [[nodiscard]] unsigned GetPhases() const { return m_phases; }
+    [[nodiscard]] unsigned GetStep() const { return m_step; }
+    [[nodiscard]] int GetTaps() const { return m_taps; }
+    // Row stride in floats: taps rounded up to whole vectors, the padding zero.
+    [[nodiscard]] int GetStride() const { return m_stride; }
+    [[nodiscard]] double GetCutoff() const { return m_cutoff; }
+    [[nodiscard]] double GetBeta() const { return m_beta; }
+    [[nodiscard]] bool IsApproximate() const { return m_approximate; }
+    [[nodiscard]] float const* GetRow(unsigned phase) const {
+        return m_table.data() + static_cast<std::size_t>(phase) * m_stride;
+    }
+    [[nodiscard]] std::vector<float> const& GetTable() const { return m_table; }
+
+    // The zero-order modified Bessel function by its power series through the x^12 term.
+    [[nodiscard]] static double I0(double x);
+    // Phases and step of a rate pair (exposed for tests).
+    static void ComputeRatio(int inRate, int outRate, bool approximate, unsigned& phases,
+                             unsigned& step);
+
+private:
+    unsigned m_phases = 1;
+    unsigned m_step = 1;
+    int m_taps;
+    int m_stride;
+    double m_cutoff = 0.0;
+    double m_beta = 0.0;
+    bool m_approximate;
+    std::vector<float> m_table;
+};
+
+class LSRCConvertRate final : public LSoundProcessBase {
+public:
+    LSRCConvertRate(LSoundSource const& input, int rateHz, bool approximate, bool normalize);
+
+    void Read(float* buffer, long long frames) override;
+    [[nodiscard]] long long GetPositionSample() const override { return m_outPosition; }
+    [[nodiscard]] long long GetEndSample() const override;
+    void Seek(long long frame) override;
+    long ControlMessage(int id, long* value) override;
+
+    [[nodiscard]] LConvertRateBase const& GetFilter() const { return m_filter; }
+    // The input frame that output frame `frame` lies at or after (floor of frame * S / P).
+    [[nodiscard]] long long OutputToInputFrame(long long frame) const;
+
+private:
+    static constexpr long long kBlockFrames = 4096;
+
+    [[nodiscard]] long long FirstTapOf(long long outFrame) const;
+    // Positions on output frame `outFrame` with the input standing at `inputFrame`.
+    void PlaceAt(long long outFrame, long long inputFrame);
+    void Refill();
+
+    LConvertRateBase m_filter;
+    unsigned m_inputChannels;
+    int m_half; // taps / 2: how many frames before the centre the first tap lies
+    long long m_outPosition = 0;
+    long long m_firstTap = 0;       // absolute input frame of the next output's first tap
+    unsigned m_phase = 0;           // coefficient row of the next output
+    long long m_planeStart = 0;     // absolute input frame at plane index 0
+    long long m_planeFrames = 0;    // valid frames in each plane
+    long long m_silentBefore = 0;   // absolute frames below this read as silence
+    std::vector<float> m_planes;    // channel c at c * m_planeCapacity
+    long long m_planeCapacity;
+    std::vector<float> m_interleaved; // one block read from the input
+    std::vector<float const*> m_planePointers;
+};
+
+// The effect that opens an LSRCConvertRate to `rateHz` (exact ratio, plain table).
+class LSPConvertRate final : public LSoundProcess {
+public:
+    explicit LSPConvertRate(int rateHz, bool approximate = false)
+        : m_rateHz(rateHz), m_approximate(approximate) {}
+    [[nodiscard]] LSoundSource OpenSource(LSoundSource& input) override;
+    [[nodiscard]] std::unique_ptr<LSoundProcess> GetNewCopy() const override {
+        return std::make_unique<LSPConvertRate>(*this);
+    }
+
+private:
+    int m_rateHz;
+    bool m_approximate;
+};

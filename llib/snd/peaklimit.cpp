@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "llib/snd/peaklimit.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+// Copies `frames` frames scaling frame i by a gain ramping from `g0` to `g1` (reached at the
+// last frame), clamped to +-threshold, NaN to 0. Unity gain skips the multiply.
+void ApplyRamp(float* out, float const* in, long long frames, unsigned channels, float g0,
+               float g1, long long rampFrames, long long rampOffset, float threshold) {
+    long long const n = frames * channels;
+    if (g0 == 1.0f && g1 == 1.0f) {
+        for (long long i = 0; i < n; ++i) {
+            float v = in[i];
+            v = v < -threshold ? -threshold : v;
+            v = v > threshold ? threshold : v;
+            out[i] = v == v ? v : 0.0f;
+        }
+        return;
+    }
+    float const slope = (g1 - g0) / static_cast<float>(rampFrames);
+    for (long long f = 0; f < frames; ++f) {
+        float const gain = g0 + slope * static_cast<float>(rampOffset + f + 1);
+        for (unsigned c = 0; c < channels; ++c) {
+            float v = in[f * channels + c] * gain;
+            v = v < -threshold ? -threshold : v;
+            v = v > threshold ? threshold : v;
+            out[f * channels + c] = v == v ? v : 0.0f;
+        }
+    }
+}
+
+} // namespace
+
+LSRCPeakLimit::LSRCPeakLimit(LSoundSource const& input, float threshold)
+    : LSoundProcessBase(input), m_threshold(threshold > 0.0f ? threshold : kLPeakLimit16Bit) {
+    m_releasePerFrame = 10.0f / static_cast<float>(GetSampleRate()); // full recovery in 100 ms
+    std::size_t const floats = static_cast<std::size_t>(kLookAheadFrames) * GetChannels();
+    m_current.samples.assign(floats, 0.0f);
+    m_ahead.samples.assign(floats, 0.0f);
+    SetMaxMagnitude(std::min(GetMaxMagnitude(), m_threshold));
+}
+
+long long LSRCPeakLimit::InputFramesLeft() const {
+    return m_input->GetEndSample() - m_input->GetPositionSample();
+}
+
+void LSRCPeakLimit::LoadBlock(Block& block, long long frames) {
+    block.frames = frames;
+    block.gain = 1.0f;
+    if (frames <= 0) {
+        return;
+    }
+    m_input->Read(block.samples.data(), frames);
+    float const peak = GetBufferPeak(block.samples.data(), frames * GetChannels());
+    if (peak > m_threshold) {
+        block.gain = m_threshold / peak;
+    }
+}
+
+void LSRCPeakLimit::StartNextBlock(long long wanted) {
+    if (m_ahead.frames > 0) {
+        std::swap(m_current, m_ahead);
+        m_ahead.frames = 0;
+    } else {
+        // Nothing was read ahead (start, after a seek, or at the input's end): read what the
+        // input still has, or what the caller wants when it reads past the end.
+        long long const left = InputFramesLeft();
+        LoadBlock(m_current, std::min(kLookAheadFrames, left > 0 ? left : wanted));
+    }
+    m_used = 0;
+    LoadBlock(m_ahead, std::min(kLookAheadFrames, InputFramesLeft()));
+
+    // Both ends of the ramp stay at or below this block's own need, so no sample of it is
+    // scaled by more than it can take.
+    float const start = std::min(m_gainEnd, m_current.gain);
+    float end = std::min(m_current.gain, start + m_releasePerFrame * m_current.frames);
+    if (m_ahead.frames > 0) {
+        end = std::min(end, m_ahead.gain);
+    }
+    m_gainStart = start;
+    m_gainEnd = end;
+    if (start < 1.0f || end < 1.0f) {
+        m_reduced = true;
+    }
+}
+
+void LSRCPeakLimit::Read(float* buffer, long long frames) {
+    if (buffer == nullptr || frames <= 0) {
+        return;
+    }
+    unsigned const channels = GetChannels();
+    while (frames > 0) {
+        if (m_used >= m_current.frames) {
+            StartNextBlock(frames);
+        }
+        long long const n = std::min(frames, m_current.frames - m_used);
+        ApplyRamp(buffer, m_current.samples.data() + m_used * channels, n, channels, m_gainStart,
+                  m_gainEnd, m_current.frames, m_used, m_threshold);
+        m_used += n;
+        buffer += n * channels;
+        frames -= n;
+    }
+}
+
+long long LSRCPeakLimit::GetPositionSample() const {
+    long long const held = (m_current.frames - m_used) + m_ahead.frames;
+    return m_input->GetPositionSample() - held;
+}
+
+void LSRCPeakLimit::Seek(long long frame) {
+    m_input->Seek(frame);
+    m_current.frames = 0;
+    m_ahead.frames = 0;
+    m_used = 0;
+    m_gainEnd = 1.0f;
+}
+
+long LSRCPeakLimit::ControlMessage(int id, long* value) {
+    if (id == 4) {
+        if (value != nullptr) {
+            *value = static_cast<long>(kLookAheadFrames);
+        }
+        return 1;
+    }
+    if (id == 7) {
+        if (value != nullptr) {
+            *value = m_reduced ? 1 : 0;
+        }
+        m_reduced = false;
+        return 1;
+    }
+    return m_input->ControlMessage(id, value);
+}
+
+LSoundSource LSPPeakLimit::OpenSource(LSoundSource& input) {
+    return LMakeSource<LSRCPeakLimit>(input, m_threshold);
+}
