@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// A fresh temporary folder per test, with the TESSEL_*_DIR variables pointing into it so no test
+// touches the user's settings, cache or data. Removed (with its contents) when the test ends.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+class LTempDirTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    [[nodiscard]] std::string const& Dir() const { return m_dir; }
+    [[nodiscard]] std::string PathOf(char const* name) const { return m_dir + "/" + name; }
+
+private:
+    std::string m_dir;
+};
+
+// Writes `bytes` to `path`, replacing it; false on failure.
+[[nodiscard]] bool WriteFileBytes(std::string const& path, void const* data, std::size_t bytes);
+// The whole file, or an empty string when it cannot be read.
+[[nodiscard]] std::string ReadFileBytes(std::string const& path);
