@@ -4,6 +4,7 @@
 #include "cli/cmdinspect.h"
 #include "cli/version.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -34,6 +35,16 @@ void PrintHelp(std::FILE* to) {
                to);
 }
 
+// Output goes through stdio's buffer, so a full disk or a closed pipe only shows at the flush;
+// without this check the program would fail (or worse, succeed) without saying why.
+int FinishOutput() {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        std::fprintf(stderr, "tessel-cli: cannot write the output: %s\n", std::strerror(errno));
+        return kExitFailed;
+    }
+    return kExitOk;
+}
+
 int UsageError(char const* message) {
     std::fprintf(stderr, "tessel-cli: %s\nTry 'tessel-cli --help' for more information.\n",
                  message);
@@ -51,7 +62,7 @@ int RunInspect(int argc, char** argv) {
         return kExitFailed;
     }
     std::fwrite(out.data(), 1, out.size(), stdout);
-    return std::fflush(stdout) == 0 ? kExitOk : kExitFailed;
+    return FinishOutput();
 }
 
 } // namespace
@@ -65,11 +76,11 @@ int main(int argc, char** argv) {
     if (std::strcmp(command, "-h") == 0 || std::strcmp(command, "--help") == 0 ||
         std::strcmp(command, "help") == 0) {
         PrintHelp(stdout);
-        return kExitOk;
+        return FinishOutput();
     }
     if (std::strcmp(command, "-V") == 0 || std::strcmp(command, "--version") == 0) {
         std::printf("tessel-cli %s\n", TESSEL_VERSION);
-        return kExitOk;
+        return FinishOutput();
     }
     if (std::strcmp(command, "inspect") == 0) {
         return RunInspect(argc - 2, argv + 2);

@@ -125,6 +125,9 @@ bool AppendValue(Chunk& chunk, std::string& out) {
         if (!chunk.ReadData(data)) {
             return false;
         }
+        if (data.IsEmpty() && chunk.GetType() == LSDFValueType::kBlob) {
+            return true; // no bytes to show, and no dangling ": " at the end of the line
+        }
         out += ": ";
         if (chunk.GetType() == LSDFValueType::kString) {
             std::size_t n = data.GetCount();

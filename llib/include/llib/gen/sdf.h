@@ -100,6 +100,7 @@ public:
         m_stream = &stream;
         m_stack.clear();
         m_ok = true;
+        m_rootStarted = false;
         m_fileVersion = fileVersion;
         unsigned char header[kLSDFFileHeaderBytes];
         std::memcpy(header, "lsdf", 4);
@@ -117,6 +118,13 @@ public:
     [[nodiscard]] bool StartChunk(std::uint16_t id, LSDFValueType type, int index = -1) {
         if (!m_ok) {
             return false;
+        }
+        if (m_stack.empty()) {
+            if (m_rootStarted) {
+                m_ok = false; // after the root has ended a chunk would lie outside it
+                return false;
+            }
+            m_rootStarted = true;
         }
         if (index != -1 && !m_stack.empty() &&
             !FlushPendingBelow(m_stack.back(), static_cast<std::int64_t>(index))) {
@@ -217,13 +225,18 @@ public:
         return m_ok && Put(data, bytes);
     }
 
-    // Writes a preserved chunk back whole; one with no data is dropped.
+    // Writes a preserved chunk back whole; one with no data is dropped. One whose data array does
+    // not hold exactly dataBytes bytes fails the file.
     [[nodiscard]] bool WriteUnknownChunk(LSDFUnknownChunk const& chunk) {
         if (!m_ok) {
             return false;
         }
         if (chunk.dataBytes == 0) {
             return true;
+        }
+        if (chunk.data.GetCount() != chunk.dataBytes) {
+            m_ok = false; // the header would promise bytes the chunk does not hold
+            return false;
         }
         unsigned char header[kLSDFChunkHeaderBytes];
         llib::detail::PutLE(header, chunk.id, 2);
@@ -304,9 +317,12 @@ private:
 
     Stream* m_stream = nullptr;
     bool m_ok = false;
+    bool m_rootStarted = false;
     unsigned short m_fileVersion = 0;
     std::vector<OpenChunk> m_stack;
-    LList<LSDFUnknownChunk> const m_noUnknown;
+    // Braced: clang rejects a default-initialised const member whose class has no user-provided
+    // constructor.
+    LList<LSDFUnknownChunk> const m_noUnknown{};
 };
 
 // The reader's view of one chunk.

@@ -9,6 +9,7 @@
 // hours never wrap. SetText is a lenient scanner that skips characters it does not know;
 // IsValid is the strict check that an edit field applies before it accepts a text.
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 
