@@ -11,6 +11,8 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     # the peer the resampler benchmark is measured against
     libsamplerate0-dev
+    # locale sources, so the settings tests can check a comma-decimal locale
+    locales
 )
 if [ "${TESSEL_WITH_FUZZ:-0}" = 1 ]; then
     packages+=(clang libclang-rt-14-dev)

@@ -5,11 +5,15 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <sys/stat.h>
 
 // ---- LOutputStreamFile ----
 
 bool LOutputStreamFile::Open(char const* path, LFileLocking locking) {
     (void)Close();
+    if (!AllocateBuffer()) {
+        return false;
+    }
     // O_TRUNC is not used: truncating before the lock is held would destroy a file that another
     // process is still reading under its shared lock.
     if (!m_fd.Open(path, O_WRONLY | O_CREAT)) {
@@ -19,7 +23,10 @@ bool LOutputStreamFile::Open(char const* path, LFileLocking locking) {
         m_fd.Close();
         return false;
     }
-    if (!m_fd.Truncate(0)) {
+    // Only regular files are truncated: a device such as /dev/null or /dev/full has no length
+    // to cut, and refusing it would make such an output unusable.
+    struct stat st {};
+    if (::fstat(m_fd.Get(), &st) != 0 || (S_ISREG(st.st_mode) && !m_fd.Truncate(0))) {
         m_lock.Unlock();
         m_fd.Close();
         return false;
@@ -28,14 +35,8 @@ bool LOutputStreamFile::Open(char const* path, LFileLocking locking) {
 }
 
 bool LOutputStreamFile::Adopt(LFileDescriptor fd) {
-    if (!fd.IsOpen()) {
+    if (!fd.IsOpen() || !AllocateBuffer()) {
         return false;
-    }
-    if (!m_buffer) {
-        m_buffer.reset(new (std::nothrow) unsigned char[kBufferBytes]);
-        if (!m_buffer) {
-            return false;
-        }
     }
     if (&fd != &m_fd) {
         m_fd = std::move(fd);
@@ -44,6 +45,13 @@ bool LOutputStreamFile::Adopt(LFileDescriptor fd) {
     m_bufferBytes = 0;
     m_ok = true;
     return true;
+}
+
+bool LOutputStreamFile::AllocateBuffer() {
+    if (!m_buffer) {
+        m_buffer.reset(new (std::nothrow) unsigned char[kBufferBytes]);
+    }
+    return m_buffer != nullptr;
 }
 
 bool LOutputStreamFile::Flush() {

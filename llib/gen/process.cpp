@@ -57,6 +57,11 @@ void LProcessInterfaceBasic::RequestStop() {
     m_stopSignal.Set();
 }
 
+void LProcessInterfaceBasic::ClearStop() {
+    m_stop.store(false, std::memory_order_release);
+    m_stopSignal.Reset();
+}
+
 std::string LProcessInterfaceBasic::GetError() const {
     LMutexLock lock(m_mutex);
     return m_error;

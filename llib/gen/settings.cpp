@@ -6,6 +6,7 @@
 #include "llib/unix/filelock.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -29,7 +30,7 @@ std::string Trim(std::string const& s) {
 }
 
 // Values may hold any text; line breaks and backslashes are escaped so one value is one line,
-// and edge spaces are escaped so a hand edit that trims lines cannot change a value.
+// and tabs and edge spaces are escaped because the reader trims blanks around a value.
 std::string EscapeValue(std::string const& v) {
     std::string out;
     out.reserve(v.size());
@@ -41,6 +42,8 @@ std::string EscapeValue(std::string const& v) {
             out += "\\n";
         } else if (c == '\r') {
             out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
         } else if (c == ' ' && (i == 0 || i + 1 == v.size())) {
             out += "\\s";
         } else {
@@ -59,7 +62,7 @@ std::string UnescapeValue(std::string const& v) {
             continue;
         }
         char const c = v[++i];
-        out += c == 'n' ? '\n' : c == 'r' ? '\r' : c == 's' ? ' ' : c;
+        out += c == 'n' ? '\n' : c == 'r' ? '\r' : c == 't' ? '\t' : c == 's' ? ' ' : c;
     }
     return out;
 }
@@ -321,9 +324,13 @@ double LSettingsStore::GetDouble(char const* group, char const* key, double def)
     if (v.empty()) {
         return def;
     }
-    char* end = nullptr;
-    double const d = std::strtod(v.c_str(), &end);
-    return (end == v.c_str() || *end != '\0') ? def : d;
+    // from_chars, not strtod: the desktop runs under the user's locale, where strtod would stop
+    // at the '.' of a file written elsewhere (or under another locale).
+    char const* first = v.data() + (v[0] == '+' ? 1 : 0);
+    char const* const last = v.data() + v.size();
+    double d = 0.0;
+    auto const [end, error] = std::from_chars(first, last, d);
+    return (error != std::errc() || end != last) ? def : d;
 }
 
 bool LSettingsStore::GetBool(char const* group, char const* key, bool def) {
@@ -363,9 +370,10 @@ bool LSettingsStore::SetInt64(char const* group, char const* key, long long valu
 }
 
 bool LSettingsStore::SetDouble(char const* group, char const* key, double value) {
+    // The shortest text that reads back to the same double, with a '.' whatever the locale.
     char text[64];
-    // 17 significant digits read back to the same double.
-    std::snprintf(text, sizeof text, "%.17g", value);
+    auto const result = std::to_chars(text, text + sizeof text - 1, value);
+    *result.ptr = '\0';
     return SetString(group, key, text);
 }
 
@@ -414,7 +422,11 @@ bool LSettingsStore::FlushLocked() {
     if (!temp.IsOpen()) {
         return false;
     }
-    bool ok = ::fchmod(temp.Get(), 0644) == 0 && temp.WriteAll(out.data(), out.size()) &&
+    // The new file keeps the old one's permissions (a user may have made it private); the one
+    // just created by the lock step got the default mode under the user's umask.
+    struct stat held {};
+    mode_t const mode = ::fstat(fd.Get(), &held) == 0 ? (held.st_mode & 07777) : 0644;
+    bool ok = ::fchmod(temp.Get(), mode) == 0 && temp.WriteAll(out.data(), out.size()) &&
               temp.Sync();
     ok = temp.Close() && ok;
     // The rename happens while the old file is still locked, so no writer can slip between

@@ -72,5 +72,7 @@ bool LWaitReadable(int fd, unsigned timeoutMs) {
         return false;
     }
     pollfd p{fd, POLLIN, 0};
-    return PollFor(&p, 1, timeoutMs) > 0 && (p.revents & POLLIN) != 0;
+    // A hung-up or failed descriptor counts: a read would not block (it returns the end or the
+    // error), and a waiter that ignored it would time out or spin on a pipe whose writer died.
+    return PollFor(&p, 1, timeoutMs) > 0 && (p.revents & (POLLIN | POLLHUP | POLLERR)) != 0;
 }

@@ -50,6 +50,9 @@ public:
 private:
     static constexpr std::uint64_t kBufferBytes = 64 * 1024;
 
+    // Made before any descriptor or lock is taken, so running out of memory leaves nothing held.
+    [[nodiscard]] bool AllocateBuffer();
+
     LFileDescriptor m_fd;
     LFileLock m_lock;
     std::unique_ptr<unsigned char[]> m_buffer;

@@ -67,6 +67,8 @@ public:
 
     // Safe from any thread.
     void RequestStop();
+    // Takes a stop request back so the interface can serve another run; only while none runs.
+    void ClearStop();
     [[nodiscard]] double GetProgress() const { return m_progress.load(std::memory_order_relaxed); }
     [[nodiscard]] std::string GetError() const;
     [[nodiscard]] std::string GetStatus(int line) const;
@@ -103,6 +105,8 @@ public:
         if (!LMakePipe(m_notifyRead, m_notifyWrite)) {
             return false;
         }
+        // A stop asked of the previous run must not end this one before it begins.
+        m_interface.ClearStop();
         m_done.store(false);
         return m_thread.Start([this, &data] {
             LProcessResult const result = Process(m_interface, data);

@@ -16,7 +16,8 @@ template <class C>
 class LStringLongTemplate {
 public:
     LStringLongTemplate() = default;
-    explicit LStringLongTemplate(C const* text) : m_text(text != nullptr ? text : C{}) {}
+    explicit LStringLongTemplate(C const* text)
+        : m_text(text != nullptr ? std::basic_string<C>(text) : std::basic_string<C>()) {}
 
     [[nodiscard]] C const* Get() const { return m_text.c_str(); }
     [[nodiscard]] std::size_t GetLength() const { return m_text.size(); }
