@@ -224,15 +224,8 @@ void LSRCConvertRate::Refill() {
     }
     long long const n = std::min(space, kBlockFrames);
     m_input->Read(m_interleaved.data(), n);
-    unsigned const channels = m_inputChannels;
-    float const* in = m_interleaved.data();
-    for (unsigned c = 0; c < channels; ++c) {
-        float* plane = m_planes.data() + static_cast<std::size_t>(c) * m_planeCapacity +
-                       m_planeFrames;
-        for (long long i = 0; i < n; ++i) {
-            plane[i] = in[i * channels + c];
-        }
-    }
+    llib::detail::RateKernelSplit(m_interleaved.data(), n, m_inputChannels,
+                                  m_planes.data() + m_planeFrames, m_planeCapacity);
     m_planeFrames += n;
 }
 

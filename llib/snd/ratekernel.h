@@ -21,4 +21,10 @@ long long RateKernelRun(std::span<float const> table, int stride, unsigned phase
                         std::span<float const* const> planes, long long planeFrames,
                         RateKernelState& state, std::span<float> out);
 
+// Copies `frames` interleaved frames of `channels` channels from `in` into one plane per channel:
+// channel c goes to planes + c * planeStride. The converter's input split, kept beside the kernel
+// so it is built for the same instruction sets.
+void RateKernelSplit(float const* in, long long frames, unsigned channels, float* planes,
+                     long long planeStride);
+
 } // namespace llib::detail

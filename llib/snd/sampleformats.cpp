@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "llib/snd/sampleformats.h"
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 
 // The loops below are written so the compiler vectorises them: no early exits, no calls left
-// after inlining, byte assembly that folds into plain loads on little-endian machines.
+// after inlining, whole-integer loads and stores where the host order allows. The integer PCM
+// conversions are built twice, for AVX2 and for the x86-64 baseline, and picked at load time;
+// both builds round exactly alike because this file is compiled without fused multiply-add.
 
 namespace {
 
@@ -16,6 +20,29 @@ constexpr double kScale32 = 2147483647.0;
 // A-law full scale (32256) exactly 1.0 and mu-law full scale (32124) slightly less.
 constexpr double kG711Divisor = 516096.0;
 
+#if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+#define TESSEL_FORMAT_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
+#else
+#define TESSEL_FORMAT_CLONES
+#endif
+// What a clone calls must be inlined into it, or the clone would call baseline code.
+#define TESSEL_FORMAT_INLINE inline __attribute__((always_inline))
+
+constexpr bool kHostLittleEndian = std::endian::native == std::endian::little;
+
+// True where the AVX2 build runs, whose byte shuffles are single instructions.
+bool HasByteShuffle() {
+#if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+    static bool const has = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx2") != 0;
+    }();
+    return has;
+#else
+    return false;
+#endif
+}
+
 // x * scale rounded half away from zero and saturated to [lo, hi]; NaN gives 0.
 inline long long RoundSat(double v, double lo, double hi) {
     v += v >= 0.0 ? 0.5 : -0.5;
@@ -25,7 +52,7 @@ inline long long RoundSat(double v, double lo, double hi) {
     return static_cast<long long>(v);
 }
 
-inline int RoundSat32(double v, double lo, double hi) {
+TESSEL_FORMAT_INLINE int RoundSat32(double v, double lo, double hi) {
     v += v >= 0.0 ? 0.5 : -0.5;
     v = v < lo ? lo : v;
     v = v > hi ? hi : v;
@@ -33,43 +60,253 @@ inline int RoundSat32(double v, double lo, double hi) {
     return static_cast<int>(v);
 }
 
-inline std::int32_t Le24ToTop(unsigned char const* b) {
+TESSEL_FORMAT_INLINE std::int32_t Le24ToTop(unsigned char const* b) {
     auto const u = static_cast<std::uint32_t>(b[0]) << 8 | static_cast<std::uint32_t>(b[1]) << 16 |
                    static_cast<std::uint32_t>(b[2]) << 24;
     return static_cast<std::int32_t>(u);
 }
 
-inline std::uint32_t Load32Le(unsigned char const* b) {
-    return static_cast<std::uint32_t>(b[0]) | static_cast<std::uint32_t>(b[1]) << 8 |
-           static_cast<std::uint32_t>(b[2]) << 16 | static_cast<std::uint32_t>(b[3]) << 24;
+inline std::uint64_t Swap64(std::uint64_t v) {
+    return __builtin_bswap64(v);
 }
 
-inline std::uint32_t Load32Be(unsigned char const* b) {
-    return static_cast<std::uint32_t>(b[3]) | static_cast<std::uint32_t>(b[2]) << 8 |
-           static_cast<std::uint32_t>(b[1]) << 16 | static_cast<std::uint32_t>(b[0]) << 24;
+TESSEL_FORMAT_INLINE std::uint16_t Swap(std::uint16_t v) {
+    return __builtin_bswap16(v);
+}
+TESSEL_FORMAT_INLINE std::uint32_t Swap(std::uint32_t v) {
+    return __builtin_bswap32(v);
 }
 
-inline void Store32Le(unsigned char* b, std::uint32_t v) {
-    b[0] = static_cast<unsigned char>(v);
-    b[1] = static_cast<unsigned char>(v >> 8);
-    b[2] = static_cast<unsigned char>(v >> 16);
-    b[3] = static_cast<unsigned char>(v >> 24);
+// A stored integer as the host sees it, and back: one load or store, swapped when the stored
+// byte order is not the host's.
+template <class U, bool kBigEndian>
+TESSEL_FORMAT_INLINE U LoadStored(unsigned char const* b) {
+    U v;
+    std::memcpy(&v, b, sizeof v);
+    if constexpr (kBigEndian == kHostLittleEndian) {
+        v = Swap(v);
+    }
+    return v;
 }
 
-inline void Store32Be(unsigned char* b, std::uint32_t v) {
-    b[3] = static_cast<unsigned char>(v);
-    b[2] = static_cast<unsigned char>(v >> 8);
+template <class U, bool kBigEndian>
+TESSEL_FORMAT_INLINE void StoreStored(unsigned char* b, U v) {
+    if constexpr (kBigEndian == kHostLittleEndian) {
+        v = Swap(v);
+    }
+    std::memcpy(b, &v, sizeof v);
+}
+
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE std::int32_t Load24Top(unsigned char const* b) {
+    if constexpr (kBigEndian) {
+        unsigned char const le[3] = {b[2], b[1], b[0]};
+        return Le24ToTop(le);
+    } else {
+        return Le24ToTop(b);
+    }
+}
+
+TESSEL_FORMAT_INLINE int RoundSat32Full(float x) {
+    return RoundSat32(x * kScale32, -2147483648.0, 2147483647.0);
+}
+
+// Four 24-bit samples at a time where byte shuffles are cheap (AVX2 machines, little-endian
+// hosts): a 16-byte vector holds four samples and the start of a fifth, and one shuffle moves
+// each sample to the top of a 32-bit lane or back. The baseline build would spell the shuffle
+// out byte by byte, so it keeps to whole 32-bit loads and stores.
+using Bytes16 = unsigned char __attribute__((vector_size(16)));
+using Int4 = std::int32_t __attribute__((vector_size(16)));
+using Float4 = float __attribute__((vector_size(16)));
+using Double4 = double __attribute__((vector_size(32)));
+
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE Int4 Load24x4(unsigned char const* b) {
+    Bytes16 bytes;
+    std::memcpy(&bytes, b, sizeof bytes);
+    Bytes16 const zero = {};
+    Bytes16 top;
+    if constexpr (kBigEndian) {
+        top = __builtin_shufflevector(bytes, zero, 16, 2, 1, 0, 16, 5, 4, 3, 16, 8, 7, 6, 16, 11,
+                                      10, 9);
+    } else {
+        top = __builtin_shufflevector(bytes, zero, 16, 0, 1, 2, 16, 3, 4, 5, 16, 6, 7, 8, 16, 9, 10,
+                                      11);
+    }
+    return std::bit_cast<Int4>(top);
+}
+
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE void Store24x4(unsigned char* b, Int4 values) {
+    auto const bytes = std::bit_cast<Bytes16>(values);
+    Bytes16 packed;
+    if constexpr (kBigEndian) {
+        packed = __builtin_shufflevector(bytes, bytes, 3, 2, 1, 7, 6, 5, 11, 10, 9, 15, 14, 13, 0,
+                                         0, 0, 0);
+    } else {
+        packed = __builtin_shufflevector(bytes, bytes, 1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, 0,
+                                         0, 0, 0);
+    }
+    std::memcpy(b, &packed, 12);
+}
+
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE void In16Body(float* out, unsigned char const* in, long long count) {
+    for (long long i = 0; i < count; ++i) {
+        auto const v = static_cast<std::int16_t>(LoadStored<std::uint16_t, kBigEndian>(in + 2 * i));
+        out[i] = static_cast<float>(v) / kScale16;
+    }
+}
+
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE void In24Body(float* out, unsigned char const* in, long long count,
+                                   bool shuffle) {
+    long long i = 0;
+    if (kHostLittleEndian && shuffle) {
+        // Each 16-byte load reads four bytes past its four samples, so it stops in time.
+        for (; i + 6 <= count; i += 4) {
+            Double4 const v = __builtin_convertvector(Load24x4<kBigEndian>(in + 3 * i), Double4);
+            Float4 const f = __builtin_convertvector(v / kScale32, Float4);
+            std::memcpy(out + i, &f, sizeof f);
+        }
+    }
+    for (; i < count; ++i) {
+        out[i] = static_cast<float>(Load24Top<kBigEndian>(in + 3 * i) / kScale32);
+    }
+}
+
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE void In32Body(float* out, unsigned char const* in, long long count) {
+    for (long long i = 0; i < count; ++i) {
+        auto const v = static_cast<std::int32_t>(LoadStored<std::uint32_t, kBigEndian>(in + 4 * i));
+        out[i] = static_cast<float>(v / kScale32);
+    }
+}
+
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE void Out16Body(unsigned char* out, float const* in, long long count) {
+    for (long long i = 0; i < count; ++i) {
+        auto const v = static_cast<std::uint16_t>(RoundSat32(in[i] * 32767.0, -32768.0, 32767.0));
+        StoreStored<std::uint16_t, kBigEndian>(out + 2 * i, v);
+    }
+}
+
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE void Store24(unsigned char* b, int value) {
+    auto const v = static_cast<std::uint32_t>(value);
+    b[kBigEndian ? 2 : 0] = static_cast<unsigned char>(v >> 8);
     b[1] = static_cast<unsigned char>(v >> 16);
-    b[0] = static_cast<unsigned char>(v >> 24);
+    b[kBigEndian ? 0 : 2] = static_cast<unsigned char>(v >> 24);
 }
 
-inline std::uint64_t Swap64(std::uint64_t v) { return __builtin_bswap64(v); }
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE void Out24Body(unsigned char* out, float const* in, long long count,
+                                    bool shuffle) {
+    if (!kHostLittleEndian || !shuffle) {
+        for (long long i = 0; i < count; ++i) {
+            Store24<kBigEndian>(out + 3 * i, RoundSat32Full(in[i]));
+        }
+        return;
+    }
+    // Rounding vectorises on its own and packing takes the shuffle, so the two run as separate
+    // passes over a block.
+    constexpr long long kBlock = 256;
+    alignas(16) std::int32_t rounded[kBlock];
+    for (long long at = 0; at < count; at += kBlock) {
+        long long const n = std::min(kBlock, count - at);
+        for (long long i = 0; i < n; ++i) {
+            rounded[i] = RoundSat32Full(in[at + i]);
+        }
+        unsigned char* const b = out + 3 * at;
+        long long i = 0;
+        for (; i + 4 <= n; i += 4) {
+            Int4 values;
+            std::memcpy(&values, rounded + i, sizeof values);
+            Store24x4<kBigEndian>(b + 3 * i, values);
+        }
+        for (; i < n; ++i) {
+            Store24<kBigEndian>(b + 3 * i, rounded[i]);
+        }
+    }
+}
+
+template <bool kBigEndian>
+TESSEL_FORMAT_INLINE void Out32Body(unsigned char* out, float const* in, long long count) {
+    for (long long i = 0; i < count; ++i) {
+        auto const v = static_cast<std::uint32_t>(RoundSat32Full(in[i]));
+        StoreStored<std::uint32_t, kBigEndian>(out + 4 * i, v);
+    }
+}
+
+// The formats with a fast path, one cloned entry point per direction.
+enum class Pcm : unsigned char { kU8, k16, k16Be, k24, k24Be, k32, k32Be };
+
+TESSEL_FORMAT_CLONES
+void PcmIn(float* out, unsigned char const* in, long long count, Pcm format, bool shuffle) {
+    switch (format) {
+    case Pcm::kU8:
+        for (long long i = 0; i < count; ++i) {
+            auto const v = static_cast<signed char>(in[i] ^ 0x80);
+            out[i] = static_cast<float>(v / kScale8);
+        }
+        return;
+    case Pcm::k16:
+        return In16Body<false>(out, in, count);
+    case Pcm::k16Be:
+        return In16Body<true>(out, in, count);
+    case Pcm::k24:
+        return In24Body<false>(out, in, count, shuffle);
+    case Pcm::k24Be:
+        return In24Body<true>(out, in, count, shuffle);
+    case Pcm::k32:
+        return In32Body<false>(out, in, count);
+    case Pcm::k32Be:
+        return In32Body<true>(out, in, count);
+    }
+}
+
+TESSEL_FORMAT_CLONES
+void PcmOut(unsigned char* out, float const* in, long long count, Pcm format, bool shuffle) {
+    switch (format) {
+    case Pcm::kU8:
+        for (long long i = 0; i < count; ++i) {
+            double v = in[i] * kScale8 + 128.0;
+            v = v < 0.0 ? 0.0 : v;
+            v = v > 255.0 ? 255.0 : v;
+            v = v == v ? v : 128.0;
+            out[i] = static_cast<unsigned char>(static_cast<int>(v));
+        }
+        return;
+    case Pcm::k16:
+        return Out16Body<false>(out, in, count);
+    case Pcm::k16Be:
+        return Out16Body<true>(out, in, count);
+    case Pcm::k24:
+        return Out24Body<false>(out, in, count, shuffle);
+    case Pcm::k24Be:
+        return Out24Body<true>(out, in, count, shuffle);
+    case Pcm::k32:
+        return Out32Body<false>(out, in, count);
+    case Pcm::k32Be:
+        return Out32Body<true>(out, in, count);
+    }
+}
+
+template <class T>
+void ConvertIn(float* out, T const* in, long long count, Pcm format) {
+    PcmIn(out, reinterpret_cast<unsigned char const*>(in), count, format, HasByteShuffle());
+}
+
+template <class T>
+void ConvertOut(T* out, float const* in, long long count, Pcm format) {
+    PcmOut(reinterpret_cast<unsigned char*>(out), in, count, format, HasByteShuffle());
+}
 
 std::array<float, 256> MakeG711Table(std::int16_t (*expand)(unsigned char)) {
     std::array<float, 256> table{};
     for (int code = 0; code < 256; ++code) {
-        table[code] = static_cast<float>(expand(static_cast<unsigned char>(code)) * 16.0 /
-                                         kG711Divisor);
+        table[code] =
+            static_cast<float>(expand(static_cast<unsigned char>(code)) * 16.0 / kG711Divisor);
     }
     return table;
 }
@@ -150,10 +387,7 @@ unsigned char LG711LinearToAlaw(std::int16_t linear) {
 
 template <>
 void ConvertSamplesIn<LSFU8>(float* out, LSFU8 const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        auto const v = static_cast<signed char>(in[i].bytes[0] ^ 0x80);
-        out[i] = static_cast<float>(v / kScale8);
-    }
+    ConvertIn(out, in, count, Pcm::kU8);
 }
 
 template <>
@@ -170,49 +404,32 @@ void ConvertSamplesIn<LSFBE8>(float* out, LSFBE8 const* in, long long count) {
 
 template <>
 void ConvertSamplesIn<LSF16>(float* out, LSF16 const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        auto const v = static_cast<std::int16_t>(in[i].bytes[0] | in[i].bytes[1] << 8);
-        out[i] = static_cast<float>(v) / kScale16;
-    }
+    ConvertIn(out, in, count, Pcm::k16);
 }
 
 template <>
 void ConvertSamplesIn<LSFBE16>(float* out, LSFBE16 const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        auto const v = static_cast<std::int16_t>(in[i].bytes[1] | in[i].bytes[0] << 8);
-        out[i] = static_cast<float>(v) / kScale16;
-    }
+    ConvertIn(out, in, count, Pcm::k16Be);
 }
 
 template <>
 void ConvertSamplesIn<LSFLE24>(float* out, LSFLE24 const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        out[i] = static_cast<float>(Le24ToTop(in[i].bytes) / kScale32);
-    }
+    ConvertIn(out, in, count, Pcm::k24);
 }
 
 template <>
 void ConvertSamplesIn<LSFBE24>(float* out, LSFBE24 const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        unsigned char const le[3] = {in[i].bytes[2], in[i].bytes[1], in[i].bytes[0]};
-        out[i] = static_cast<float>(Le24ToTop(le) / kScale32);
-    }
+    ConvertIn(out, in, count, Pcm::k24Be);
 }
 
 template <>
 void ConvertSamplesIn<LSF32>(float* out, LSF32 const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        auto const v = static_cast<std::int32_t>(Load32Le(in[i].bytes));
-        out[i] = static_cast<float>(v / kScale32);
-    }
+    ConvertIn(out, in, count, Pcm::k32);
 }
 
 template <>
 void ConvertSamplesIn<LSFBE32>(float* out, LSFBE32 const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        auto const v = static_cast<std::int32_t>(Load32Be(in[i].bytes));
-        out[i] = static_cast<float>(v / kScale32);
-    }
+    ConvertIn(out, in, count, Pcm::k32Be);
 }
 
 template <>
@@ -234,7 +451,7 @@ void ConvertSamplesIn<LSFF64>(float* out, LSFF64 const* in, long long count) {
 template <>
 void ConvertSamplesIn<LSFFRE32>(float* out, LSFFRE32 const* in, long long count) {
     for (long long i = 0; i < count; ++i) {
-        std::uint32_t const bits = Load32Be(in[i].bytes);
+        std::uint32_t const bits = LoadStored<std::uint32_t, true>(in[i].bytes);
         std::memcpy(&out[i], &bits, 4);
     }
 }
@@ -271,13 +488,7 @@ void ConvertSamplesIn<LSFALAW>(float* out, LSFALAW const* in, long long count) {
 
 template <>
 void ConvertSamplesOut<LSFU8>(LSFU8* out, float const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        double v = in[i] * kScale8 + 128.0;
-        v = v < 0.0 ? 0.0 : v;
-        v = v > 255.0 ? 255.0 : v;
-        v = v == v ? v : 128.0;
-        out[i].bytes[0] = static_cast<unsigned char>(static_cast<int>(v));
-    }
+    ConvertOut(out, in, count, Pcm::kU8);
 }
 
 template <>
@@ -301,60 +512,32 @@ void ConvertSamplesOut<LSFBE8>(LSFBE8* out, float const* in, long long count) {
 
 template <>
 void ConvertSamplesOut<LSF16>(LSF16* out, float const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        int const v = RoundSat32(in[i] * 32767.0, -32768.0, 32767.0);
-        out[i].bytes[0] = static_cast<unsigned char>(v);
-        out[i].bytes[1] = static_cast<unsigned char>(v >> 8);
-    }
+    ConvertOut(out, in, count, Pcm::k16);
 }
 
 template <>
 void ConvertSamplesOut<LSFBE16>(LSFBE16* out, float const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        int const v = RoundSat32(in[i] * 32767.0, -32768.0, 32767.0);
-        out[i].bytes[1] = static_cast<unsigned char>(v);
-        out[i].bytes[0] = static_cast<unsigned char>(v >> 8);
-    }
+    ConvertOut(out, in, count, Pcm::k16Be);
 }
 
 template <>
 void ConvertSamplesOut<LSFLE24>(LSFLE24* out, float const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        auto const v = static_cast<std::uint32_t>(
-            RoundSat32(in[i] * kScale32, -2147483648.0, 2147483647.0));
-        out[i].bytes[0] = static_cast<unsigned char>(v >> 8);
-        out[i].bytes[1] = static_cast<unsigned char>(v >> 16);
-        out[i].bytes[2] = static_cast<unsigned char>(v >> 24);
-    }
+    ConvertOut(out, in, count, Pcm::k24);
 }
 
 template <>
 void ConvertSamplesOut<LSFBE24>(LSFBE24* out, float const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        auto const v = static_cast<std::uint32_t>(
-            RoundSat32(in[i] * kScale32, -2147483648.0, 2147483647.0));
-        out[i].bytes[2] = static_cast<unsigned char>(v >> 8);
-        out[i].bytes[1] = static_cast<unsigned char>(v >> 16);
-        out[i].bytes[0] = static_cast<unsigned char>(v >> 24);
-    }
+    ConvertOut(out, in, count, Pcm::k24Be);
 }
 
 template <>
 void ConvertSamplesOut<LSF32>(LSF32* out, float const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        auto const v = static_cast<std::uint32_t>(
-            RoundSat32(in[i] * kScale32, -2147483648.0, 2147483647.0));
-        Store32Le(out[i].bytes, v);
-    }
+    ConvertOut(out, in, count, Pcm::k32);
 }
 
 template <>
 void ConvertSamplesOut<LSFBE32>(LSFBE32* out, float const* in, long long count) {
-    for (long long i = 0; i < count; ++i) {
-        auto const v = static_cast<std::uint32_t>(
-            RoundSat32(in[i] * kScale32, -2147483648.0, 2147483647.0));
-        Store32Be(out[i].bytes, v);
-    }
+    ConvertOut(out, in, count, Pcm::k32Be);
 }
 
 template <>
@@ -377,7 +560,7 @@ void ConvertSamplesOut<LSFFRE32>(LSFFRE32* out, float const* in, long long count
     for (long long i = 0; i < count; ++i) {
         std::uint32_t bits = 0;
         std::memcpy(&bits, &in[i], 4);
-        Store32Be(out[i].bytes, bits);
+        StoreStored<std::uint32_t, true>(out[i].bytes, bits);
     }
 }
 
