@@ -16,8 +16,9 @@ namespace {
 // table floats (64 MB) the best ratio with at most 255 phases is used instead.
 constexpr std::size_t kMaxTableFloats = std::size_t{16} << 20;
 
-int RoundUpToLanes(int taps) { return (taps + 7) / 8 * 8; }
-
+int RoundUpToLanes(int taps) {
+    return (taps + 7) / 8 * 8;
+}
 
 } // namespace
 

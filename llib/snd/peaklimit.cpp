@@ -6,40 +6,6 @@
 
 namespace {
 
-// GetBufferPeak in independent lanes: a single running maximum is a chain of dependent compares
-// one sample long, which made finding the peak most of the limiter's cost. Each lane keeps the
-// same rule (replace only on a strictly greater magnitude, so NaN never enters), which makes the
-// maximum, and so the result, the same. Four-float vectors are native to every x86-64.
-using Lanes = float __attribute__((vector_size(4 * sizeof(float))));
-
-inline Lanes Magnitudes(float const* p) {
-    Lanes v;
-    std::memcpy(&v, p, sizeof v);
-    return v < 0.0f ? -v : v;
-}
-
-float BlockPeak(float const* samples, long long count) {
-    Lanes peaks0 = {};
-    Lanes peaks1 = {};
-    long long i = 0;
-    for (; i + 8 <= count; i += 8) {
-        Lanes const a = Magnitudes(samples + i);
-        Lanes const b = Magnitudes(samples + i + 4);
-        peaks0 = a > peaks0 ? a : peaks0;
-        peaks1 = b > peaks1 ? b : peaks1;
-    }
-    peaks0 = peaks1 > peaks0 ? peaks1 : peaks0;
-    float peak = 0.0f;
-    for (int l = 0; l < 4; ++l) {
-        peak = peaks0[l] > peak ? peaks0[l] : peak;
-    }
-    for (; i < count; ++i) {
-        float const a = samples[i] < 0.0f ? -samples[i] : samples[i];
-        peak = a > peak ? a : peak;
-    }
-    return peak;
-}
-
 // Clamped to +-threshold, NaN to 0.
 inline float Limit(float v, float threshold) {
     v = v < -threshold ? -threshold : v;
@@ -112,7 +78,7 @@ void LSRCPeakLimit::LoadBlock(Block& block, long long frames) {
         return;
     }
     m_input->Read(block.samples.data(), frames);
-    float const peak = BlockPeak(block.samples.data(), frames * GetChannels());
+    float const peak = GetBufferPeak(block.samples.data(), frames * GetChannels());
     if (peak > m_threshold) {
         block.gain = m_threshold / peak;
     }

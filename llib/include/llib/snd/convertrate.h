@@ -21,9 +21,34 @@
 #include "llib/snd/soundprocess.h"
 
 #include <cstdint>
+#include <new>
+#include <span>
 #include <vector>
 
 inline constexpr int kLConvertRateTaps = 63;
+
+namespace llib::detail {
+
+// Storage aligned for whole-vector loads: every coefficient row starts on a 64-byte boundary
+// (rows are multiples of 8 floats), which the kernel's row loads measurably like.
+template <class T>
+struct AlignedAllocator {
+    using value_type = T;
+    static constexpr std::align_val_t kAlignment{64};
+    AlignedAllocator() = default;
+    template <class U>
+    explicit AlignedAllocator(AlignedAllocator<U> const&) {}
+    T* allocate(std::size_t n) {
+        return static_cast<T*>(::operator new(n * sizeof(T), kAlignment));
+    }
+    void deallocate(T* p, std::size_t) { ::operator delete(p, kAlignment); }
+    template <class U>
+    bool operator==(AlignedAllocator<U> const&) const {
+        return true;
+    }
+};
+
+} // namespace llib::detail
 
 class LConvertRateBase {
 public:
@@ -41,7 +66,7 @@ public:
     [[nodiscard]] float const* GetRow(unsigned phase) const {
         return m_table.data() + static_cast<std::size_t>(phase) * m_stride;
     }
-    [[nodiscard]] std::vector<float> const& GetTable() const { return m_table; }
+    [[nodiscard]] std::span<float const> GetTable() const { return m_table; }
 
     // The zero-order modified Bessel function by its power series through the x^12 term.
     [[nodiscard]] static double I0(double x);
@@ -57,7 +82,7 @@ private:
     double m_cutoff = 0.0;
     double m_beta = 0.0;
     bool m_approximate;
-    std::vector<float> m_table;
+    std::vector<float, llib::detail::AlignedAllocator<float>> m_table;
 };
 
 class LSRCConvertRate final : public LSoundProcessBase {
@@ -86,12 +111,12 @@ private:
     unsigned m_inputChannels;
     int m_half; // taps / 2: how many frames before the centre the first tap lies
     long long m_outPosition = 0;
-    long long m_firstTap = 0;       // absolute input frame of the next output's first tap
-    unsigned m_phase = 0;           // coefficient row of the next output
-    long long m_planeStart = 0;     // absolute input frame at plane index 0
-    long long m_planeFrames = 0;    // valid frames in each plane
-    long long m_silentBefore = 0;   // absolute frames below this read as silence
-    std::vector<float> m_planes;    // channel c at c * m_planeCapacity
+    long long m_firstTap = 0;     // absolute input frame of the next output's first tap
+    unsigned m_phase = 0;         // coefficient row of the next output
+    long long m_planeStart = 0;   // absolute input frame at plane index 0
+    long long m_planeFrames = 0;  // valid frames in each plane
+    long long m_silentBefore = 0; // absolute frames below this read as silence
+    std::vector<float> m_planes;  // channel c at c * m_planeCapacity
     long long m_planeCapacity;
     std::vector<float> m_interleaved; // one block read from the input
     std::vector<float const*> m_planePointers;
