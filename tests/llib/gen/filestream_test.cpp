@@ -2,6 +2,7 @@
 #include "llib/gen/filestream.h"
 
 #include "llib/unix/thread.h"
+#include "tests/support/lockpeer.h"
 #include "tests/support/tempdir.h"
 
 #include <gtest/gtest.h>
@@ -35,62 +36,6 @@ Bytes ReadFile(std::string const& path) {
     std::string const s = ReadFileBytes(path);
     return Bytes(s.begin(), s.end());
 }
-
-// Another process with its own open file description of `path`, taking flock(2) locks on
-// command: only a second process shows whether a stream really holds or released its lock.
-class LockPeer {
-public:
-    explicit LockPeer(std::string const& path) {
-        int toChild[2];
-        int toParent[2];
-        if (::pipe2(toChild, O_CLOEXEC) != 0 || ::pipe2(toParent, O_CLOEXEC) != 0) {
-            return;
-        }
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            // Keep only the command pipes: inherited descriptions would carry the parent's locks.
-            ::dup2(toChild[0], 0);
-            ::dup2(toParent[1], 1);
-            ::close_range(3, ~0u, 0);
-            int const fd = ::open(path.c_str(), O_RDWR);
-            char command = 0;
-            while (::read(0, &command, 1) == 1) {
-                int const op = command == 'X'   ? LOCK_EX | LOCK_NB
-                               : command == 'S' ? LOCK_SH | LOCK_NB
-                                                : LOCK_UN;
-                char const reply = fd >= 0 && ::flock(fd, op) == 0 ? '1' : '0';
-                if (::write(1, &reply, 1) != 1) {
-                    break;
-                }
-            }
-            ::_exit(0);
-        }
-        ::close(toChild[0]);
-        ::close(toParent[1]);
-        m_command = toChild[1];
-        m_reply = toParent[0];
-    }
-    ~LockPeer() {
-        ::close(m_command);
-        ::close(m_reply);
-        int status = 0;
-        ::waitpid(m_pid, &status, 0);
-    }
-    LockPeer(LockPeer const&) = delete;
-    LockPeer& operator=(LockPeer const&) = delete;
-
-    // 'X' / 'S': try an exclusive / shared lock without waiting; 'U': unlock. True on success.
-    bool Ask(char command) {
-        char reply = 0;
-        return ::write(m_command, &command, 1) == 1 && ::read(m_reply, &reply, 1) == 1 &&
-               reply == '1';
-    }
-
-private:
-    pid_t m_pid = -1;
-    int m_command = -1;
-    int m_reply = -1;
-};
 
 class FileStreamTest : public LTempDirTest {
 protected:

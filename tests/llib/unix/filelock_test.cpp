@@ -2,6 +2,7 @@
 #include "llib/unix/filelock.h"
 
 #include "llib/unix/thread.h"
+#include "tests/support/lockpeer.h"
 #include "tests/support/tempdir.h"
 
 #include <gtest/gtest.h>
@@ -13,75 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-// Another process with its own open file description of `path`, taking and dropping flock(2)
-// locks on command. flock locks of one process never conflict with themselves through a shared
-// description, so only a second process shows whether a lock is really held or released.
-class LockPeer {
-public:
-    explicit LockPeer(std::string const& path) {
-        int toChild[2];
-        int toParent[2];
-        if (::pipe2(toChild, O_CLOEXEC) != 0 || ::pipe2(toParent, O_CLOEXEC) != 0) {
-            return;
-        }
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::close(toChild[1]);
-            ::close(toParent[0]);
-            Serve(path, toChild[0], toParent[1]);
-        }
-        ::close(toChild[0]);
-        ::close(toParent[1]);
-        m_command = toChild[1];
-        m_reply = toParent[0];
-    }
-    ~LockPeer() {
-        ::close(m_command); // end of commands: the peer exits
-        ::close(m_reply);
-        if (m_pid > 0) {
-            int status = 0;
-            ::waitpid(m_pid, &status, 0);
-        }
-    }
-    LockPeer(LockPeer const&) = delete;
-    LockPeer& operator=(LockPeer const&) = delete;
-
-    // 'X' / 'S': try an exclusive / shared lock without waiting; 'U': unlock. True on success.
-    bool Ask(char command) {
-        char reply = 0;
-        return ::write(m_command, &command, 1) == 1 && ::read(m_reply, &reply, 1) == 1 &&
-               reply == '1';
-    }
-
-private:
-    [[noreturn]] static void Serve(std::string const& path, int commands, int replies) {
-        // A forked child shares the parent's open file descriptions, and with them the parent's
-        // locks: keep only the command pipes so that closing a descriptor in the parent really
-        // is the last close.
-        ::dup2(commands, 0);
-        ::dup2(replies, 1);
-        ::close_range(3, ~0u, 0);
-        commands = 0;
-        replies = 1;
-        int const fd = ::open(path.c_str(), O_RDWR);
-        char command = 0;
-        while (::read(commands, &command, 1) == 1) {
-            int const op = command == 'X'   ? LOCK_EX | LOCK_NB
-                           : command == 'S' ? LOCK_SH | LOCK_NB
-                                            : LOCK_UN;
-            char const reply = fd >= 0 && ::flock(fd, op) == 0 ? '1' : '0';
-            if (::write(replies, &reply, 1) != 1) {
-                break;
-            }
-        }
-        ::_exit(0);
-    }
-
-    pid_t m_pid = -1;
-    int m_command = -1;
-    int m_reply = -1;
-};
 
 class FileLockTest : public LTempDirTest {
 protected:
