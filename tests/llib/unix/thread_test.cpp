@@ -11,27 +11,13 @@
 
 namespace {
 
-TEST(Thread, RunsTheBodyOnAnotherThreadAndJoinWaitsForIt) {
-    std::atomic<bool> done{false};
+TEST(Thread, RunsOnAnotherThreadRefusesASecondStartAndRunsAgainAfterJoin) {
+    LSignalObject release;
+    std::atomic<int> runs{0};
     pthread_t ranOn{};
     LThread thread;
     ASSERT_TRUE(thread.Start([&] {
         ranOn = pthread_self();
-        LSleepMs(20);
-        done = true;
-    }));
-    EXPECT_TRUE(thread.IsStarted());
-    thread.Join();
-    EXPECT_TRUE(done);
-    EXPECT_FALSE(thread.IsStarted());
-    EXPECT_FALSE(pthread_equal(ranOn, pthread_self()));
-}
-
-TEST(Thread, SecondStartWhileRunningFailsAndLeavesTheFirstRunning) {
-    LSignalObject release;
-    std::atomic<int> runs{0};
-    LThread thread;
-    ASSERT_TRUE(thread.Start([&] {
         ++runs;
         (void)release.Wait(10000);
     }));
@@ -39,64 +25,36 @@ TEST(Thread, SecondStartWhileRunningFailsAndLeavesTheFirstRunning) {
     release.Set();
     thread.Join();
     EXPECT_EQ(runs, 1);
-
-    // Once joined, the object can run again.
+    EXPECT_FALSE(pthread_equal(ranOn, pthread_self()));
     ASSERT_TRUE(thread.Start([&] { ++runs; }));
     thread.Join();
     EXPECT_EQ(runs, 2);
+    thread.Join(); // joining twice is harmless
 }
-
-TEST(Thread, DestructorJoinsARunningThread) {
-    std::atomic<bool> done{false};
-    {
-        LThread thread;
-        ASSERT_TRUE(thread.Start([&] {
-            LSleepMs(30);
-            done = true;
-        }));
-    }
-    EXPECT_TRUE(done);
-}
-
-TEST(Thread, JoinWithoutStartDoesNothing) {
-    LThread thread;
-    thread.Join();
-    EXPECT_FALSE(thread.IsStarted());
-}
-
-class SleepTest : public ::testing::TestWithParam<int> {};
-
-TEST_P(SleepTest, SleepsAtLeastTheRequestedTime) {
-    std::int64_t const start = LGetTickMs();
-    LSleepMs(GetParam());
-    EXPECT_GE(LGetTickMs() - start, GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(Durations, SleepTest, ::testing::Values(1, 15, 40, 1001));
 
 void IgnoreSignal(int) {}
 
-TEST(Sleep, ASignalDoesNotCutTheSleepShort) {
-    struct sigaction action {};
-    struct sigaction old {};
-    action.sa_handler = IgnoreSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = 0; // no SA_RESTART: nanosleep returns EINTR
-    ASSERT_EQ(sigaction(SIGUSR1, &action, &old), 0);
-
+// The destructor joins, and a sleep interrupted by signals still lasts its full time.
+TEST(Thread, DestructorJoinsAndASignalDoesNotCutASleepShort) {
+    auto const old = std::signal(SIGUSR1, IgnoreSignal); // nanosleep returns EINTR regardless
+    std::atomic<bool> done{false};
     pthread_t const sleeper = pthread_self();
-    LThread interrupter;
-    ASSERT_TRUE(interrupter.Start([sleeper] {
-        for (int i = 0; i < 3; ++i) {
-            LSleepMs(10);
-            pthread_kill(sleeper, SIGUSR1);
-        }
-    }));
     std::int64_t const start = LGetTickMs();
-    LSleepMs(100);
+    {
+        LThread interrupter;
+        ASSERT_TRUE(interrupter.Start([&] {
+            for (int i = 0; i < 3; ++i) {
+                LSleepMs(10);
+                pthread_kill(sleeper, SIGUSR1);
+            }
+            LSleepMs(150); // outlasts the sleeper, so only a joining destructor sees `done`
+            done = true;
+        }));
+        LSleepMs(100);
+    }
     std::int64_t const slept = LGetTickMs() - start;
-    interrupter.Join();
-    sigaction(SIGUSR1, &old, nullptr);
+    EXPECT_TRUE(done);
+    std::signal(SIGUSR1, old);
     EXPECT_GE(slept, 100);
 }
 
