@@ -20,7 +20,7 @@ constexpr double kScale32 = 2147483647.0;
 // A-law full scale (32256) exactly 1.0 and mu-law full scale (32124) slightly less.
 constexpr double kG711Divisor = 516096.0;
 
-#if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+#if defined(__x86_64__)
 #define TESSEL_FORMAT_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
 #else
 #define TESSEL_FORMAT_CLONES
@@ -32,7 +32,7 @@ constexpr bool kHostLittleEndian = std::endian::native == std::endian::little;
 
 // True where the AVX2 build runs, whose byte shuffles are single instructions.
 bool HasByteShuffle() {
-#if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+#if defined(__x86_64__)
     static bool const has = [] {
         __builtin_cpu_init();
         return __builtin_cpu_supports("avx2") != 0;
