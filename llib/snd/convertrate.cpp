@@ -144,7 +144,7 @@ LSRCConvertRate::LSRCConvertRate(LSoundSource const& input, int rateHz, bool app
       m_inputChannels(input->GetChannels()), m_half(kLConvertRateTaps / 2),
       m_planeCapacity(kBlockFrames + m_filter.GetStride()) {
     m_planes.assign(static_cast<std::size_t>(m_planeCapacity) * m_inputChannels, 0.0f);
-    m_interleaved.assign(static_cast<std::size_t>(kBlockFrames) * m_inputChannels, 0.0f);
+    m_interleaved.assign(static_cast<std::size_t>(kPieceFrames) * m_inputChannels, 0.0f);
     m_planePointers.resize(m_inputChannels);
     for (unsigned c = 0; c < m_inputChannels; ++c) {
         m_planePointers[c] = m_planes.data() + static_cast<std::size_t>(c) * m_planeCapacity;
@@ -223,11 +223,17 @@ void LSRCConvertRate::Refill() {
         m_planeFrames += n;
         return;
     }
-    long long const n = std::min(space, kBlockFrames);
-    m_input->Read(m_interleaved.data(), n);
-    llib::detail::RateKernelSplit(m_interleaved.data(), n, m_inputChannels,
-                                  m_planes.data() + m_planeFrames, m_planeCapacity);
-    m_planeFrames += n;
+    // Read in pieces small enough that each is split into the planes while it is still in the
+    // nearest cache.
+    long long left = std::min(space, kBlockFrames);
+    while (left > 0) {
+        long long const n = std::min(left, kPieceFrames);
+        m_input->Read(m_interleaved.data(), n);
+        llib::detail::RateKernelSplit(m_interleaved.data(), n, m_inputChannels,
+                                      m_planes.data() + m_planeFrames, m_planeCapacity);
+        m_planeFrames += n;
+        left -= n;
+    }
 }
 
 void LSRCConvertRate::Read(float* buffer, long long frames) {
@@ -237,15 +243,31 @@ void LSRCConvertRate::Read(float* buffer, long long frames) {
     int const stride = m_filter.GetStride();
     std::span<float const> const table(m_filter.GetTable());
     std::span<float const* const> const planes(m_planePointers);
+    // The kernel is fastest on whole blocks of 2 * P outputs (each coefficient row serves an
+    // output and its twin P outputs later, S input frames on). So the planes are refilled as soon
+    // as the next such block no longer fits, rather than when the last window runs out.
+    long long const twinOutputs = 2LL * m_filter.GetPhases();
+    long long const twinInputs = 2LL * m_filter.GetStep();
     while (frames > 0) {
-        if (m_firstTap - m_planeStart + stride > m_planeFrames) {
+        long long const rel = m_firstTap - m_planeStart;
+        if (rel + stride > m_planeFrames) {
             Refill();
             continue;
         }
-        llib::detail::RateKernelState state{m_firstTap - m_planeStart, m_phase};
+        long long ask = frames;
+        if (frames >= twinOutputs) {
+            long long const blocks = (m_planeFrames - stride - rel) / twinInputs;
+            if (blocks >= 1) {
+                ask = std::min(frames, blocks * twinOutputs);
+            } else if (rel > 0) {
+                Refill();
+                continue;
+            }
+        }
+        llib::detail::RateKernelState state{rel, m_phase};
         long long const made = llib::detail::RateKernelRun(
             table, stride, m_filter.GetPhases(), m_filter.GetStep(), planes, m_planeFrames, state,
-            std::span<float>(buffer, static_cast<std::size_t>(frames) * m_inputChannels));
+            std::span<float>(buffer, static_cast<std::size_t>(ask) * m_inputChannels));
         m_firstTap = m_planeStart + state.firstTap;
         m_phase = state.phase;
         m_outPosition += made;

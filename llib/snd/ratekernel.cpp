@@ -7,10 +7,11 @@
 // Built twice, for AVX2 with FMA and for the x86-64 baseline, and picked at load time: the dot
 // products below are the whole cost of resampling. They are written with 8-float vectors that
 // the AVX2 build maps onto single registers and the baseline onto pairs. (An AVX-512 build was
-// no faster: the loop is bound by loads, not by vector width.)
+// no faster on the machines measured.)
 //
 // Every output sample is summed in one fixed order, whichever path makes it: lane l of eight
-// accumulates taps l, l + 8, .. l + 56 in turn, and the lanes are then added as
+// keeps two sums, of taps l, l + 16, l + 32, l + 48 and of taps l + 8, l + 24, l + 40, l + 56,
+// each in turn; the two are added, and the lanes then as
 // ((l0 + l4) + (l1 + l5)) + ((l2 + l6) + (l3 + l7)). So a frame comes out bit for bit the same
 // however reads are split, after a seek, and in a mono or a multichannel conversion.
 #if defined(__x86_64__)
@@ -89,33 +90,48 @@ template <int kStride, int kRows, int kInputs>
 TESSEL_KERNEL_INLINE void DotLanes(float const* const (&rows)[kRows],
                                    float const* const (&inputs)[kInputs],
                                    V8 (&out)[kRows][kInputs]) {
-    static_assert(kStride % kLanes == 0);
-    V8 acc[kRows][kInputs] = {};
-    for (int t = 0; t < kStride; t += kLanes) {
-        V8 x[kInputs];
-        for (int i = 0; i < kInputs; ++i) {
-            x[i] = Load(inputs[i] + t);
-        }
-        for (int r = 0; r < kRows; ++r) {
-            V8 const c = Load(rows[r] + t);
+    static_assert(kStride % (2 * kLanes) == 0);
+    // Even and odd chunks of eight taps go to separate sums, joined at the end: two chains half as
+    // long, so a sum's next step does not wait as long for its last.
+    V8 even[kRows][kInputs] = {};
+    V8 odd[kRows][kInputs] = {};
+    for (int t = 0; t < kStride; t += 2 * kLanes) {
+        for (int half = 0; half < 2; ++half) {
+            int const at = t + half * kLanes;
+            V8 x[kInputs];
             for (int i = 0; i < kInputs; ++i) {
-                acc[r][i] += c * x[i];
+                x[i] = Load(inputs[i] + at);
+            }
+            for (int r = 0; r < kRows; ++r) {
+                V8 const c = Load(rows[r] + at);
+                for (int i = 0; i < kInputs; ++i) {
+                    V8& acc = half == 0 ? even[r][i] : odd[r][i];
+                    acc += c * x[i];
+                }
             }
         }
     }
     for (int r = 0; r < kRows; ++r) {
         for (int i = 0; i < kInputs; ++i) {
-            out[r][i] = acc[r][i];
+            out[r][i] = even[r][i] + odd[r][i];
         }
     }
 }
 
+// Any stride that is a multiple of eight, in the same order as DotLanes (a trailing odd chunk
+// goes to the even sum).
 TESSEL_KERNEL_INLINE float DotAny(float const* row, float const* x, int stride) {
-    V8 acc = {};
-    for (int t = 0; t < stride; t += kLanes) {
-        acc += Load(row + t) * Load(x + t);
+    V8 even = {};
+    V8 odd = {};
+    int t = 0;
+    for (; t + 2 * kLanes <= stride; t += 2 * kLanes) {
+        even += Load(row + t) * Load(x + t);
+        odd += Load(row + t + kLanes) * Load(x + t + kLanes);
     }
-    return Total(acc);
+    if (t < stride) {
+        even += Load(row + t) * Load(x + t);
+    }
+    return Total(even + odd);
 }
 
 struct Advance {

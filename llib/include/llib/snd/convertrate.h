@@ -100,7 +100,8 @@ public:
     [[nodiscard]] long long OutputToInputFrame(long long frame) const;
 
 private:
-    static constexpr long long kBlockFrames = 4096;
+    static constexpr long long kBlockFrames = 16384; // input frames pulled per refill
+    static constexpr long long kPieceFrames = 1024;  // ... in reads of at most this many
 
     [[nodiscard]] long long FirstTapOf(long long outFrame) const;
     // Positions on output frame `outFrame` with the input standing at `inputFrame`.
@@ -118,7 +119,7 @@ private:
     long long m_silentBefore = 0; // absolute frames below this read as silence
     std::vector<float> m_planes;  // channel c at c * m_planeCapacity
     long long m_planeCapacity;
-    std::vector<float> m_interleaved; // one block read from the input
+    std::vector<float> m_interleaved; // one piece read from the input
     std::vector<float const*> m_planePointers;
 };
 
