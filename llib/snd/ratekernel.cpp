@@ -14,7 +14,7 @@
 // each in turn; the two are added, and the lanes then as
 // ((l0 + l4) + (l1 + l5)) + ((l2 + l6) + (l3 + l7)). So a frame comes out bit for bit the same
 // however reads are split, after a seek, and in a mono or a multichannel conversion.
-#if defined(__x86_64__)
+#if defined(__x86_64__) && !defined(TESSEL_NO_CLONES)
 #define TESSEL_KERNEL_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
 #else
 #define TESSEL_KERNEL_CLONES

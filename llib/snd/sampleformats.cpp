@@ -16,7 +16,7 @@ constexpr double kScale8 = 127.0;
 constexpr float kScale16 = 32767.0f;
 constexpr double kScale32 = 2147483647.0;
 
-#if defined(__x86_64__)
+#if defined(__x86_64__) && !defined(TESSEL_NO_CLONES)
 #define TESSEL_FORMAT_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
 #else
 #define TESSEL_FORMAT_CLONES
@@ -28,7 +28,7 @@ constexpr bool kHostLittleEndian = std::endian::native == std::endian::little;
 
 // True where the AVX2 build runs, whose byte shuffles are single instructions.
 bool HasByteShuffle() {
-#if defined(__x86_64__)
+#if defined(__x86_64__) && !defined(TESSEL_NO_CLONES)
     static bool const has = [] {
         __builtin_cpu_init();
         return __builtin_cpu_supports("avx2") != 0;
