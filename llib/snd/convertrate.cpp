@@ -141,14 +141,18 @@ LSRCConvertRate::LSRCConvertRate(LSoundSource const& input, int rateHz, bool app
     : LSoundProcessBase(input, rateHz <= 0 ? 44100 : rateHz, input->GetChannels()),
       m_filter(input->GetSampleRate(), rateHz <= 0 ? 44100 : rateHz, kLConvertRateTaps, approximate,
                normalize),
+      m_layout(std::make_unique<llib::detail::RateLayout>(
+          llib::detail::MakeRateLayout(m_filter, input->GetChannels()))),
       m_inputChannels(input->GetChannels()), m_half(kLConvertRateTaps / 2),
-      m_planeCapacity(kBlockFrames + m_filter.GetStride()) {
-    m_planes.assign(static_cast<std::size_t>(m_planeCapacity) * m_inputChannels, 0.0f);
-    m_interleaved.assign(static_cast<std::size_t>(kPieceFrames) * m_inputChannels, 0.0f);
-    m_planePointers.resize(m_inputChannels);
-    for (unsigned c = 0; c < m_inputChannels; ++c) {
-        m_planePointers[c] = m_planes.data() + static_cast<std::size_t>(c) * m_planeCapacity;
-    }
+      m_groupFrames(m_layout->frames) {
+    // Room for a refill on top of what eight cycles of groups read at once, so the kernel can
+    // run them together.
+    m_capacity =
+        kBlockFrames + m_layout->span + std::min(8 * m_layout->cycleInputs, 2 * kBlockFrames);
+    m_buffer.assign(static_cast<std::size_t>(m_capacity) * m_inputChannels +
+                        llib::detail::kRateReadPastEnd,
+                    0.0f);
+    m_carry.assign(static_cast<std::size_t>(m_groupFrames) * m_inputChannels, 0.0f);
     // Start at the first output position at or after the input's current frame, without
     // seeking the input (it may not support it): earlier frames read as silence.
     long long const inputFrame = m_input->GetPositionSample();
@@ -156,24 +160,28 @@ LSRCConvertRate::LSRCConvertRate(LSoundSource const& input, int rateHz, bool app
     PlaceAt(outFrame, inputFrame);
 }
 
+LSRCConvertRate::~LSRCConvertRate() = default;
+
 long long LSRCConvertRate::OutputToInputFrame(long long frame) const {
     return LMulDivFloor(frame, m_filter.GetStep(), m_filter.GetPhases());
 }
 
-long long LSRCConvertRate::FirstTapOf(long long outFrame) const {
-    return OutputToInputFrame(outFrame) - m_half;
+long long LSRCConvertRate::FirstTapOfGroup(long long group) const {
+    long long const cycle = m_layout->groups;
+    return group / cycle * m_layout->cycleInputs +
+           m_layout->offsets[static_cast<std::size_t>(group % cycle)] - m_half;
 }
 
 void LSRCConvertRate::PlaceAt(long long outFrame, long long inputFrame) {
-    LInt128 const position = static_cast<LInt128>(outFrame) * m_filter.GetStep();
-    long long const centre = LMulDivFloor(outFrame, m_filter.GetStep(), m_filter.GetPhases());
     m_outPosition = outFrame;
-    m_phase = static_cast<unsigned>(position - static_cast<LInt128>(centre) * m_filter.GetPhases());
-    m_firstTap = centre - m_half;
-    // The planes begin where the input stands or at the first tap, whichever is earlier; the
-    // frames before the input's position are silence.
-    m_planeStart = std::min(m_firstTap, inputFrame);
-    m_planeFrames = 0;
+    m_group = outFrame / m_groupFrames;
+    m_skip = outFrame % m_groupFrames;
+    m_carryUsed = 0;
+    m_carryFrames = 0;
+    // The buffer begins where the input stands or at the group's first tap, whichever is
+    // earlier; the frames before the input's position are silence.
+    m_bufferStart = std::min(FirstTapOfGroup(m_group), inputFrame);
+    m_bufferFrames = 0;
     m_silentBefore = inputFrame;
 }
 
@@ -189,7 +197,7 @@ void LSRCConvertRate::Seek(long long frame) {
     if (frame < 0) {
         frame = 0;
     }
-    long long const inputFrame = std::max<long long>(0, FirstTapOf(frame));
+    long long const inputFrame = std::max<long long>(0, FirstTapOfGroup(frame / m_groupFrames));
     m_input->Seek(inputFrame);
     PlaceAt(frame, inputFrame);
 }
@@ -201,78 +209,76 @@ long LSRCConvertRate::ControlMessage(int id, long* value) {
 }
 
 void LSRCConvertRate::Refill() {
-    // Drop frames no later output needs, keeping the next output's taps.
-    long long const keepFrom = std::clamp<long long>(m_firstTap - m_planeStart, 0, m_planeFrames);
+    // Drop frames no later group needs, keeping the next group's taps.
+    long long const keepFrom =
+        std::clamp<long long>(FirstTapOfGroup(m_group) - m_bufferStart, 0, m_bufferFrames);
     if (keepFrom > 0) {
-        long long const kept = m_planeFrames - keepFrom;
-        for (unsigned c = 0; c < m_inputChannels; ++c) {
-            float* plane = m_planes.data() + static_cast<std::size_t>(c) * m_planeCapacity;
-            std::memmove(plane, plane + keepFrom, static_cast<std::size_t>(kept) * sizeof(float));
-        }
-        m_planeStart += keepFrom;
-        m_planeFrames = kept;
+        long long const kept = m_bufferFrames - keepFrom;
+        std::memmove(m_buffer.data(), m_buffer.data() + keepFrom * m_inputChannels,
+                     static_cast<std::size_t>(kept * m_inputChannels) * sizeof(float));
+        m_bufferStart += keepFrom;
+        m_bufferFrames = kept;
     }
-    long long const space = m_planeCapacity - m_planeFrames;
-    long long const next = m_planeStart + m_planeFrames; // absolute frame to append
+    long long const space = m_capacity - m_bufferFrames;
+    long long const next = m_bufferStart + m_bufferFrames; // absolute frame to append
+    float* const end = m_buffer.data() + m_bufferFrames * m_inputChannels;
     if (next < m_silentBefore) {
         long long const n = std::min(space, m_silentBefore - next);
-        for (unsigned c = 0; c < m_inputChannels; ++c) {
-            float* plane = m_planes.data() + static_cast<std::size_t>(c) * m_planeCapacity;
-            std::fill_n(plane + m_planeFrames, n, 0.0f);
-        }
-        m_planeFrames += n;
+        std::fill_n(end, n * m_inputChannels, 0.0f);
+        m_bufferFrames += n;
         return;
     }
-    // Read in pieces small enough that each is split into the planes while it is still in the
-    // nearest cache.
-    long long left = std::min(space, kBlockFrames);
-    while (left > 0) {
-        long long const n = std::min(left, kPieceFrames);
-        m_input->Read(m_interleaved.data(), n);
-        llib::detail::RateKernelSplit(m_interleaved.data(), n, m_inputChannels,
-                                      m_planes.data() + m_planeFrames, m_planeCapacity);
-        m_planeFrames += n;
-        left -= n;
+    long long const n = std::min(space, kBlockFrames);
+    m_input->Read(end, n);
+    m_bufferFrames += n;
+}
+
+long long LSRCConvertRate::MakeGroups(float* out, long long groups) {
+    llib::detail::RateKernelState state{m_group % m_layout->groups,
+                                        FirstTapOfGroup(m_group) - m_bufferStart};
+    long long const fit = llib::detail::RateGroupsThatFit(*m_layout, state, m_bufferFrames);
+    // Refill as soon as the kernel could not run its widest blocks on what is left, rather than
+    // when the last group runs out; a buffer already full from the next group on is used as is.
+    bool const full = state.firstTap == 0 && m_bufferFrames == m_capacity;
+    if (fit == 0 || (!full && fit < std::min(groups, 8 * m_layout->groups))) {
+        Refill();
+        state.firstTap = FirstTapOfGroup(m_group) - m_bufferStart;
     }
+    long long const n =
+        std::min(groups, llib::detail::RateGroupsThatFit(*m_layout, state, m_bufferFrames));
+    llib::detail::RateKernelRun(*m_layout, m_buffer.data(), state, out, n);
+    m_group += n;
+    return n;
 }
 
 void LSRCConvertRate::Read(float* buffer, long long frames) {
     if (buffer == nullptr || frames <= 0) {
         return;
     }
-    int const stride = m_filter.GetStride();
-    std::span<float const> const table(m_filter.GetTable());
-    std::span<float const* const> const planes(m_planePointers);
-    // The kernel is fastest on whole blocks of 2 * P outputs (each coefficient row serves an
-    // output and its twin P outputs later, S input frames on). So the planes are refilled as soon
-    // as the next such block no longer fits, rather than when the last window runs out.
-    long long const twinOutputs = 2LL * m_filter.GetPhases();
-    long long const twinInputs = 2LL * m_filter.GetStep();
     while (frames > 0) {
-        long long const rel = m_firstTap - m_planeStart;
-        if (rel + stride > m_planeFrames) {
-            Refill();
+        if (m_carryUsed < m_carryFrames) {
+            long long const n = std::min(frames, m_carryFrames - m_carryUsed);
+            std::copy_n(m_carry.data() + m_carryUsed * m_inputChannels, n * m_inputChannels,
+                        buffer);
+            m_carryUsed += n;
+            m_outPosition += n;
+            buffer += n * m_inputChannels;
+            frames -= n;
             continue;
         }
-        long long ask = frames;
-        if (frames >= twinOutputs) {
-            long long const blocks = (m_planeFrames - stride - rel) / twinInputs;
-            if (blocks >= 1) {
-                ask = std::min(frames, blocks * twinOutputs);
-            } else if (rel > 0) {
-                Refill();
-                continue;
-            }
+        // Whole groups go straight into the caller's buffer; a group the read starts or ends
+        // inside is made into the carry and handed out from there.
+        long long const whole = m_skip == 0 ? frames / m_groupFrames : 0;
+        if (whole > 0) {
+            long long const made = MakeGroups(buffer, whole);
+            m_outPosition += made * m_groupFrames;
+            buffer += made * m_groupFrames * m_inputChannels;
+            frames -= made * m_groupFrames;
+        } else if (MakeGroups(m_carry.data(), 1) == 1) {
+            m_carryUsed = m_skip;
+            m_carryFrames = m_groupFrames;
+            m_skip = 0;
         }
-        llib::detail::RateKernelState state{rel, m_phase};
-        long long const made = llib::detail::RateKernelRun(
-            table, stride, m_filter.GetPhases(), m_filter.GetStep(), planes, m_planeFrames, state,
-            std::span<float>(buffer, static_cast<std::size_t>(ask) * m_inputChannels));
-        m_firstTap = m_planeStart + state.firstTap;
-        m_phase = state.phase;
-        m_outPosition += made;
-        buffer += made * m_inputChannels;
-        frames -= made;
     }
 }
 

@@ -1,29 +1,25 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "ratekernel.h"
 
+#include "llib/gen/muldiv.h"
+
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <numeric>
 
-// Built twice, for AVX2 with FMA and for the x86-64 baseline, and picked at load time: the dot
-// products below are the whole cost of resampling. They are written with 8-float vectors that
-// the AVX2 build maps onto single registers and the baseline onto pairs. (An AVX-512 build was
-// no faster on the machines measured.)
-//
-// Every output sample is summed in one fixed order, whichever path makes it: lane l of eight
-// keeps two sums, of taps l, l + 16, l + 32, l + 48 and of taps l + 8, l + 24, l + 40, l + 56,
-// each in turn; the two are added, and the lanes then as
-// ((l0 + l4) + (l1 + l5)) + ((l2 + l6) + (l3 + l7)). So a frame comes out bit for bit the same
-// however reads are split, after a seek, and in a mono or a multichannel conversion.
+// The kernel is compiled three times, for the x86-64 baseline, for AVX2 with FMA, and for
+// AVX-512 (still with 8-float vectors: its 32 registers hold all eight twins' sums with room to
+// spare), and the loader picks the best the machine has. The builds may differ in the last bit
+// (the baseline has no fused multiply-add), never more.
 #if defined(__x86_64__) && !defined(TESSEL_NO_CLONES)
-#define TESSEL_KERNEL_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
-#else
-#define TESSEL_KERNEL_CLONES
+#define TESSEL_KERNEL_VERSIONS 1
 #endif
-// Everything a clone calls must be inlined into it: a helper left out of line is compiled once,
-// for the baseline, and the clone would call baseline code.
+// Everything a version calls must be inlined into it: a helper left out of line is compiled
+// once, for the baseline, and the fast versions would call baseline code.
 #define TESSEL_KERNEL_INLINE inline __attribute__((always_inline))
 
-// The helpers return 8-float vectors by value; they are always inlined and file-local, so the
+// The helpers pass 8-float vectors by value; they are always inlined and file-local, so the
 // baseline build's warning about that calling convention concerns no real call. (GCC reports it
 // at the end of the file, so it stays off for the whole file.)
 #pragma GCC diagnostic ignored "-Wpsabi"
@@ -33,12 +29,14 @@ namespace llib::detail {
 namespace {
 
 constexpr int kLanes = 8;
+// Past this many floats of group coefficients (4 MB) the filter's own rows are used instead; so
+// they are too when one group's taps would spread over more than twice the filter's length.
+constexpr long long kMaxGroupFloats = 1LL << 20;
+
 using V8 = float __attribute__((vector_size(kLanes * sizeof(float))));
 using V4 = float __attribute__((vector_size(kLanes / 2 * sizeof(float))));
+using D4 = double __attribute__((vector_size(kLanes * sizeof(float))));
 
-// A plain unaligned load: the AVX2 build keeps each coefficient vector in a register for all the
-// windows it multiplies and folds the window loads into the multiply-adds, which leaves the loop
-// free of separate address arithmetic (a volatile load here cost an address computation each).
 TESSEL_KERNEL_INLINE V8 Load(float const* p) {
     V8 v;
     std::memcpy(&v, p, sizeof v);
@@ -49,317 +47,328 @@ TESSEL_KERNEL_INLINE void Store(float* p, V8 const& v) {
     std::memcpy(p, &v, sizeof v);
 }
 
-TESSEL_KERNEL_INLINE void StoreLow(float* p, V8 const& v) {
-    V4 const half = __builtin_shufflevector(v, v, 0, 1, 2, 3);
-    std::memcpy(p, &half, sizeof half);
+TESSEL_KERNEL_INLINE V8 Splat(float f) {
+    return V8{f, f, f, f, f, f, f, f};
 }
 
-TESSEL_KERNEL_INLINE void StoreHigh(float* p, V8 const& v) {
-    V4 const half = __builtin_shufflevector(v, v, 4, 5, 6, 7);
-    std::memcpy(p, &half, sizeof half);
-}
-
-// The fixed lane order of one sum.
-TESSEL_KERNEL_INLINE float Total(V8 const& v) {
-    return ((v[0] + v[4]) + (v[1] + v[5])) + ((v[2] + v[6]) + (v[3] + v[7]));
-}
-
-// [a0 + a4, a1 + a5, a2 + a6, a3 + a7, b0 + b4, b1 + b5, b2 + b6, b3 + b7]
-TESSEL_KERNEL_INLINE V8 HalfSums(V8 const& a, V8 const& b) {
-    return __builtin_shufflevector(a, b, 0, 1, 2, 3, 8, 9, 10, 11) +
-           __builtin_shufflevector(a, b, 4, 5, 6, 7, 12, 13, 14, 15);
-}
-
-// Within each half: the sums of adjacent pairs of a, then of b.
-TESSEL_KERNEL_INLINE V8 PairSums(V8 const& a, V8 const& b) {
-    return __builtin_shufflevector(a, b, 0, 2, 8, 10, 4, 6, 12, 14) +
-           __builtin_shufflevector(a, b, 1, 3, 9, 11, 5, 7, 13, 15);
-}
-
-// Total() of eight vectors at once, in order, by the same additions: shuffles shared by all
-// eight replace eight separate horizontal sums.
-TESSEL_KERNEL_INLINE V8 Totals(V8 const (&v)[8]) {
-    V8 const t0 = PairSums(HalfSums(v[0], v[4]), HalfSums(v[1], v[5]));
-    V8 const t1 = PairSums(HalfSums(v[2], v[6]), HalfSums(v[3], v[7]));
-    return PairSums(t0, t1);
-}
-
-// Each of `kRows` coefficient rows against each of `kInputs` input windows, lane by lane. Every
-// loaded vector feeds several multiply-adds, which keeps the loads from limiting the arithmetic.
-template <int kStride, int kRows, int kInputs>
-TESSEL_KERNEL_INLINE void DotLanes(float const* const (&rows)[kRows],
-                                   float const* const (&inputs)[kInputs],
-                                   V8 (&out)[kRows][kInputs]) {
-    static_assert(kStride % (2 * kLanes) == 0);
-    // Even and odd chunks of eight taps go to separate sums, joined at the end: two chains half as
-    // long, so a sum's next step does not wait as long for its last.
-    V8 even[kRows][kInputs] = {};
-    V8 odd[kRows][kInputs] = {};
-    for (int t = 0; t < kStride; t += 2 * kLanes) {
-        for (int half = 0; half < 2; ++half) {
-            int const at = t + half * kLanes;
-            V8 x[kInputs];
-            for (int i = 0; i < kInputs; ++i) {
-                x[i] = Load(inputs[i] + at);
-            }
-            for (int r = 0; r < kRows; ++r) {
-                V8 const c = Load(rows[r] + at);
-                for (int i = 0; i < kInputs; ++i) {
-                    V8& acc = half == 0 ? even[r][i] : odd[r][i];
-                    acc += c * x[i];
-                }
-            }
-        }
-    }
-    for (int r = 0; r < kRows; ++r) {
-        for (int i = 0; i < kInputs; ++i) {
-            out[r][i] = even[r][i] + odd[r][i];
+// One frame of `kChannels` channels repeated across the eight lanes. The stereo pair is moved as
+// one 64-bit value where the AVX2 build turns that into a single broadcast load; the baseline
+// build does better with a 4-float load and a shuffle (the extra frame it reads is discarded).
+template <int kChannels, bool kWide>
+TESSEL_KERNEL_INLINE V8 Broadcast(float const* p) {
+    static_assert(kChannels == 1 || kChannels == 2 || kChannels == 4);
+    if constexpr (kChannels == 1) {
+        return Splat(*p);
+    } else if constexpr (kChannels == 2 && kWide) {
+        double pair;
+        std::memcpy(&pair, p, sizeof pair);
+        D4 const v{pair, pair, pair, pair};
+        return __builtin_bit_cast(V8, v);
+    } else {
+        V4 v;
+        std::memcpy(&v, p, sizeof v);
+        if constexpr (kChannels == 2) {
+            return __builtin_shufflevector(v, v, 0, 1, 0, 1, 0, 1, 0, 1);
+        } else {
+            return __builtin_shufflevector(v, v, 0, 1, 2, 3, 0, 1, 2, 3);
         }
     }
 }
 
-// Any stride that is a multiple of eight, in the same order as DotLanes (a trailing odd chunk
-// goes to the even sum).
-TESSEL_KERNEL_INLINE float DotAny(float const* row, float const* x, int stride) {
-    V8 even = {};
-    V8 odd = {};
-    int t = 0;
-    for (; t + 2 * kLanes <= stride; t += 2 * kLanes) {
-        even += Load(row + t) * Load(x + t);
-        odd += Load(row + t + kLanes) * Load(x + t + kLanes);
-    }
-    if (t < stride) {
-        even += Load(row + t) * Load(x + t);
-    }
-    return Total(even + odd);
-}
-
-struct Advance {
-    unsigned whole; // step / phases
-    unsigned part;  // step % phases
-    unsigned phases;
-    unsigned step;
-    // Without a branch: the wrap follows the ratio's pattern, which a predictor learns poorly.
-    TESSEL_KERNEL_INLINE void operator()(RateKernelState& s) const {
-        unsigned const phase = s.phase + part;
-        unsigned const wrap = phase >= phases ? 1u : 0u;
-        s.phase = phase - (wrap != 0 ? phases : 0u);
-        s.firstTap += whole + wrap;
-    }
-    // How far the first tap can move in `outputs` outputs.
-    [[nodiscard]] TESSEL_KERNEL_INLINE long long MaxMove(long long outputs) const {
-        return outputs * (static_cast<long long>(whole) + 1);
-    }
+// Where group `i` of a run starting at cycle position `group` finds its taps, relative to the
+// run's first group; `i` is at most a cycle.
+struct GroupAt {
+    long long position; // in the cycle
+    long long shift;    // input frames from the run's first group
 };
 
-// One output frame of `kChannels` channels, as unsummed lanes.
-template <int kStride, int kChannels>
-TESSEL_KERNEL_INLINE void FrameLanes(float const* table, float const* const (&planes)[kChannels],
-                                     RateKernelState const& s, V8 (&lanes)[kChannels]) {
-    float const* const rows[1] = {table + static_cast<long long>(s.phase) * kStride};
-    float const* x[kChannels];
-    for (int c = 0; c < kChannels; ++c) {
-        x[c] = planes[c] + s.firstTap;
+TESSEL_KERNEL_INLINE GroupAt Locate(RateLayout const& layout, long long group, long long i) {
+    long long position = group + i;
+    long long extra = 0;
+    if (position >= layout.groups) {
+        position -= layout.groups;
+        extra = layout.cycleInputs;
     }
-    V8 one[1][kChannels];
-    DotLanes<kStride, 1, kChannels>(rows, x, one);
-    for (int c = 0; c < kChannels; ++c) {
-        lanes[c] = one[0][c];
-    }
+    return {position, layout.offsets[position] + extra - layout.offsets[group]};
 }
 
-// One or two channels.
-//
-// Output k + phases uses the same row as output k, `step` input frames later. So where the
-// output and the input both reach that far, outputs go in blocks of 2 * phases, each row serving
-// an output of the first half and its twin in the second: a row is loaded once for two outputs,
-// and while it is still in the nearest cache. Elsewhere eight lane vectors at a time are summed
-// together and stored as one vector; single frames finish the run.
-template <int kStride, int kChannels>
-TESSEL_KERNEL_INLINE long long
-RunNarrow(float const* table, Advance advance, float const* const (&planes)[kChannels],
-          long long planeFrames, RateKernelState& s, float* out, long long frames) {
-    static_assert(kChannels == 1 || kChannels == 2);
-    constexpr int kPerVector = kLanes / kChannels; // frames in eight lane vectors
-    constexpr int kPerHalf = kPerVector / 2;
-    long long const phases = advance.phases;
-    long long const step = advance.step;
-    long long made = 0;
-
-    while (made + 2 * phases <= frames && s.firstTap + 2 * step + kStride <= planeFrames) {
-        float* const first = out + made * kChannels;
-        float* const second = first + phases * kChannels;
-        RateKernelState t = s;
-        long long i = 0;
-        for (; i + kPerHalf <= phases; i += kPerHalf) {
-            V8 lanes[8];
+// `kBunch` neighbouring groups at once, each with `kTwins` - 1 twins whole cycles after it, for
+// 1, 2 or 4 channels. A group's output is one vector; its twin's is a cycle of outputs later.
+// Every sum is a chain of dependent multiply-adds; bunching groups when there are few twins
+// keeps enough chains going to hide each step's latency.
+template <int kChannels, int kTwins, int kBunch, bool kWide>
+TESSEL_KERNEL_INLINE void GroupBunch(RateLayout const& layout, float const* in, long long group,
+                                     long long i, float* out) {
+    int const span = layout.span;
+    long long const cycleFloats = layout.cycleInputs * kChannels;
+    long long const twinFloats = layout.groups * kLanes;
+    float const* e[kBunch];
+    float const* x[kBunch];
+    for (int b = 0; b < kBunch; ++b) {
+        GroupAt const at = Locate(layout, group, i + b);
+        e[b] = layout.coefficients.data() + at.position * span * kLanes;
+        x[b] = in + at.shift * kChannels;
+    }
+    V8 sums[kBunch][kTwins] = {};
+    for (int j = 0; j < span; ++j) {
 #pragma GCC unroll 4
-            for (int g = 0; g < kPerHalf; ++g) {
-                float const* const rows[1] = {table + static_cast<long long>(t.phase) * kStride};
-                float const* x[2 * kChannels];
-                for (int c = 0; c < kChannels; ++c) {
-                    x[c] = planes[c] + t.firstTap;
-                    x[kChannels + c] = planes[c] + t.firstTap + step;
-                }
-                V8 both[1][2 * kChannels];
-                DotLanes<kStride, 1, 2 * kChannels>(rows, x, both);
-                for (int c = 0; c < kChannels; ++c) {
-                    lanes[g * kChannels + c] = both[0][c];
-                    lanes[4 + g * kChannels + c] = both[0][kChannels + c];
-                }
-                advance(t);
-            }
-            V8 const totals = Totals(lanes);
-            StoreLow(first + i * kChannels, totals);
-            StoreHigh(second + i * kChannels, totals);
-        }
-        for (; i < phases; ++i) {
-            V8 lanes[kChannels];
-            FrameLanes<kStride, kChannels>(table, planes, t, lanes);
-            for (int c = 0; c < kChannels; ++c) {
-                first[i * kChannels + c] = Total(lanes[c]);
-            }
-            RateKernelState twin = t;
-            twin.firstTap += step;
-            FrameLanes<kStride, kChannels>(table, planes, twin, lanes);
-            for (int c = 0; c < kChannels; ++c) {
-                second[i * kChannels + c] = Total(lanes[c]);
-            }
-            advance(t);
-        }
-        // `t` stands at the second half's first output; the block ends a step after it.
-        s.firstTap = t.firstTap + step;
-        made += 2 * phases;
-    }
-
-    while (made + kPerVector <= frames &&
-           s.firstTap + advance.MaxMove(kPerVector - 1) + kStride <= planeFrames) {
-        V8 lanes[8];
+        for (int b = 0; b < kBunch; ++b) {
+            V8 const c = Load(e[b] + j * kLanes);
 #pragma GCC unroll 8
-        for (int k = 0; k < kPerVector; ++k) {
-            V8 frame[kChannels];
-            FrameLanes<kStride, kChannels>(table, planes, s, frame);
-            for (int c = 0; c < kChannels; ++c) {
-                lanes[k * kChannels + c] = frame[c];
+            for (int t = 0; t < kTwins; ++t) {
+                sums[b][t] +=
+                    c * Broadcast<kChannels, kWide>(x[b] + j * kChannels + t * cycleFloats);
             }
-            advance(s);
         }
-        Store(out + made * kChannels, Totals(lanes));
-        made += kPerVector;
     }
-
-    while (made < frames && s.firstTap + kStride <= planeFrames) {
-        V8 lanes[kChannels];
-        FrameLanes<kStride, kChannels>(table, planes, s, lanes);
-        for (int c = 0; c < kChannels; ++c) {
-            out[made * kChannels + c] = Total(lanes[c]);
+    for (int b = 0; b < kBunch; ++b) {
+        for (int t = 0; t < kTwins; ++t) {
+            Store(out + (i + b) * kLanes + t * twinFloats, sums[b][t]);
         }
-        advance(s);
-        ++made;
     }
-    return made;
 }
 
-template <int kStride>
-TESSEL_KERNEL_INLINE long long
-RunFixed(float const* table, Advance advance, float const* const* planes, int channels,
-         long long planeFrames, RateKernelState& s, float* out, long long frames) {
-    if (channels == 1) {
-        float const* const mono[1] = {planes[0]};
-        return RunNarrow<kStride, 1>(table, advance, mono, planeFrames, s, out, frames);
+// `count` groups from cycle position `group` (at most a cycle) with their twins.
+template <int kChannels, int kTwins, bool kWide>
+TESSEL_KERNEL_INLINE void GroupBlock(RateLayout const& layout, float const* in, long long group,
+                                     long long count, float* out) {
+    constexpr int kBunch = kTwins >= 4 ? 1 : 4 / kTwins;
+    long long i = 0;
+    for (; i + kBunch <= count; i += kBunch) {
+        GroupBunch<kChannels, kTwins, kBunch, kWide>(layout, in, group, i, out);
     }
-    if (channels == 2) {
-        float const* const stereo[2] = {planes[0], planes[1]};
-        return RunNarrow<kStride, 2>(table, advance, stereo, planeFrames, s, out, frames);
+    for (; i < count; ++i) {
+        GroupBunch<kChannels, kTwins, 1, kWide>(layout, in, group, i, out);
     }
-    long long made = 0;
-    while (made < frames && s.firstTap + kStride <= planeFrames) {
-        float const* const rows[1] = {table + static_cast<long long>(s.phase) * kStride};
-        for (int c = 0; c < channels; ++c) {
-            float const* const x[1] = {planes[c] + s.firstTap};
-            V8 one[1][1];
-            DotLanes<kStride, 1, 1>(rows, x, one);
-            out[made * channels + c] = Total(one[0][0]);
-        }
-        advance(s);
-        ++made;
-    }
-    return made;
 }
 
-TESSEL_KERNEL_CLONES
-long long RunStride64(float const* table, Advance advance, float const* const* planes, int channels,
-                      long long planeFrames, RateKernelState& state, float* out, long long frames) {
-    // A local copy stays in registers rather than being written back through the reference.
-    RateKernelState s = state;
-    long long const made =
-        RunFixed<64>(table, advance, planes, channels, planeFrames, s, out, frames);
-    state = s;
-    return made;
-}
-
-TESSEL_KERNEL_CLONES
-long long RunAnyStride(float const* table, int stride, Advance advance, float const* const* planes,
-                       int channels, long long planeFrames, RateKernelState& s, float* out,
-                       long long frames) {
-    long long made = 0;
-    while (made < frames && s.firstTap + stride <= planeFrames) {
-        float const* row = table + static_cast<long long>(s.phase) * stride;
-        for (int c = 0; c < channels; ++c) {
-            out[made * channels + c] = DotAny(row, planes[c] + s.firstTap, stride);
+// The same with the filter's rows, one output frame per group, for any channel count: each tap
+// is broadcast against up to eight channels of a frame. Above eight channels the last block of
+// eight overlaps the one before it and writes the shared channels again with the same values.
+template <int kTwins>
+TESSEL_KERNEL_INLINE void RowBlock(RateLayout const& layout, float const* in, long long group,
+                                   long long count, float* out) {
+    int const channels = static_cast<int>(layout.channels);
+    int const width = std::min(channels, kLanes);
+    int const span = layout.span;
+    long long const cycleFloats = layout.cycleInputs * channels;
+    long long const twinFloats = layout.groups * channels;
+    for (long long i = 0; i < count; ++i) {
+        GroupAt const at = Locate(layout, group, i);
+        float const* const row =
+            layout.table + static_cast<long long>(layout.rows[at.position]) * layout.rowStride;
+        for (int first = 0;; first += kLanes) {
+            int const c0 = std::min(first, channels - width);
+            float const* const x = in + at.shift * channels + c0;
+            V8 sums[kTwins] = {};
+            for (int j = 0; j < span; ++j) {
+                V8 const c = Splat(row[j]);
+#pragma GCC unroll 8
+                for (int t = 0; t < kTwins; ++t) {
+                    sums[t] += c * Load(x + j * channels + t * cycleFloats);
+                }
+            }
+            for (int t = 0; t < kTwins; ++t) {
+                std::memcpy(out + i * channels + c0 + t * twinFloats, &sums[t],
+                            static_cast<std::size_t>(width) * sizeof(float));
+            }
+            if (first + kLanes >= channels) {
+                break;
+            }
         }
-        advance(s);
-        ++made;
     }
-    return made;
 }
 
-TESSEL_KERNEL_CLONES
-void SplitInto(float const* __restrict in, long long frames, unsigned channels,
-               float* __restrict planes, long long planeStride) {
-    // The common layouts get loops of their own so the compiler sees the constant stride.
-    if (channels == 1) {
-        std::memcpy(planes, in, static_cast<std::size_t>(frames) * sizeof(float));
-    } else if (channels == 2) {
-        float* __restrict const left = planes;
-        float* __restrict const right = planes + planeStride;
-        for (long long i = 0; i < frames; ++i) {
-            left[i] = in[2 * i];
-            right[i] = in[2 * i + 1];
-        }
+template <int kTwins, bool kWide>
+TESSEL_KERNEL_INLINE void Block(RateLayout const& layout, float const* in, long long group,
+                                long long count, float* out) {
+    if (layout.frames == 1) {
+        RowBlock<kTwins>(layout, in, group, count, out);
+    } else if (layout.channels == 1) {
+        GroupBlock<1, kTwins, kWide>(layout, in, group, count, out);
+    } else if (layout.channels == 2) {
+        GroupBlock<2, kTwins, kWide>(layout, in, group, count, out);
     } else {
-        for (unsigned c = 0; c < channels; ++c) {
-            float* __restrict const plane = planes + c * planeStride;
-            for (long long i = 0; i < frames; ++i) {
-                plane[i] = in[i * channels + c];
+        GroupBlock<4, kTwins, kWide>(layout, in, group, count, out);
+    }
+}
+
+// Whole cycles go eight, four or two at a time, with each coefficient vector serving all of them
+// at once; what is left of a cycle goes group by group.
+template <bool kWide>
+TESSEL_KERNEL_INLINE void RunGroups(RateLayout const& layout, float const* in,
+                                    RateKernelState& state, float* out, long long groups) {
+    long long const cycle = layout.groups;
+    long long const groupFloats = static_cast<long long>(layout.frames) * layout.channels;
+    long long group = state.group;
+    long long tap = state.firstTap;
+    while (groups > 0) {
+        float const* const x = in + tap * layout.channels;
+        if (groups >= 2 * cycle) {
+            int const twins = groups >= 8 * cycle ? 8 : groups >= 4 * cycle ? 4 : 2;
+            if (twins == 8) {
+                Block<8, kWide>(layout, x, group, cycle, out);
+            } else if (twins == 4) {
+                Block<4, kWide>(layout, x, group, cycle, out);
+            } else {
+                Block<2, kWide>(layout, x, group, cycle, out);
+            }
+            tap += twins * layout.cycleInputs;
+            out += twins * cycle * groupFloats;
+            groups -= twins * cycle;
+            continue;
+        }
+        long long const count = std::min(groups, cycle);
+        Block<1, kWide>(layout, x, group, count, out);
+        GroupAt const next = Locate(layout, group, count);
+        tap += next.shift;
+        group = next.position;
+        out += count * groupFloats;
+        groups -= count;
+    }
+    state.group = group;
+    state.firstTap = tap;
+}
+
+} // namespace
+
+// The versions the loader chooses between. (Outside the anonymous namespace: clang does not
+// count the dispatch as a use of file-local versions.)
+#ifdef TESSEL_KERNEL_VERSIONS
+__attribute__((target("avx512f,avx512vl,avx2,fma"))) void
+RateKernelVersion(RateLayout const& layout, float const* in, RateKernelState& state, float* out,
+                  long long groups) {
+    RunGroups<true>(layout, in, state, out, groups);
+}
+
+__attribute__((target("avx2,fma"))) void RateKernelVersion(RateLayout const& layout,
+                                                           float const* in, RateKernelState& state,
+                                                           float* out, long long groups) {
+    RunGroups<true>(layout, in, state, out, groups);
+}
+
+__attribute__((target("default"))) void RateKernelVersion(RateLayout const& layout, float const* in,
+                                                          RateKernelState& state, float* out,
+                                                          long long groups) {
+    RunGroups<false>(layout, in, state, out, groups);
+}
+#else
+void RateKernelVersion(RateLayout const& layout, float const* in, RateKernelState& state,
+                       float* out, long long groups) {
+    RunGroups<false>(layout, in, state, out, groups);
+}
+#endif
+
+namespace {
+
+// floor(a * b / c) and the remainder, for non-negative values.
+long long Quotient(long long a, long long b, long long c) {
+    return LMulDivFloor(a, b, c);
+}
+
+long long Remainder(long long a, long long b, long long c) {
+    LInt128 const product = static_cast<LInt128>(a) * b;
+    return static_cast<long long>(product - static_cast<LInt128>(product / c) * c);
+}
+
+bool FillGroupCoefficients(LConvertRateBase const& filter, RateLayout& layout) {
+    long long const phases = filter.GetPhases();
+    long long const step = filter.GetStep();
+    int const taps = filter.GetTaps();
+    int const frames = layout.frames;
+    auto const channels = static_cast<int>(layout.channels);
+    // Output frames of a cycle: the first multiple of both the group size and the phase count.
+    long long const cycleOutputs = std::lcm(static_cast<long long>(frames), phases);
+    long long const groups = cycleOutputs / frames;
+    // The last output of a group lies this many input frames after its first, at most.
+    long long const spread = Quotient(frames - 1, step, phases) + 1;
+    if (spread > taps || groups * (taps + spread) * kLanes > kMaxGroupFloats) {
+        return false;
+    }
+    layout.groups = groups;
+    layout.cycleInputs = cycleOutputs / phases * step;
+    layout.offsets.resize(static_cast<std::size_t>(groups));
+    long long widest = 0;
+    for (long long g = 0; g < groups; ++g) {
+        long long const first = Quotient(g * frames, step, phases);
+        layout.offsets[static_cast<std::size_t>(g)] = first;
+        widest = std::max(widest, Quotient(g * frames + frames - 1, step, phases) - first);
+    }
+    layout.span = taps + static_cast<int>(widest);
+    layout.coefficients.assign(static_cast<std::size_t>(groups * layout.span * kLanes), 0.0f);
+    for (long long g = 0; g < groups; ++g) {
+        float* const e = layout.coefficients.data() + g * layout.span * kLanes;
+        for (int f = 0; f < frames; ++f) {
+            long long const output = g * frames + f;
+            long long const delay =
+                Quotient(output, step, phases) - layout.offsets[static_cast<std::size_t>(g)];
+            float const* const row =
+                filter.GetRow(static_cast<unsigned>(Remainder(output, step, phases)));
+            for (int t = 0; t < taps; ++t) {
+                for (int c = 0; c < channels; ++c) {
+                    e[(delay + t) * kLanes + f * channels + c] = row[t];
+                }
             }
         }
+    }
+    return true;
+}
+
+void FillRows(LConvertRateBase const& filter, RateLayout& layout) {
+    long long const phases = filter.GetPhases();
+    long long const step = filter.GetStep();
+    layout.frames = 1;
+    layout.span = filter.GetTaps();
+    layout.groups = phases;
+    layout.cycleInputs = step;
+    layout.table = filter.GetTable().data();
+    layout.rowStride = filter.GetStride();
+    layout.offsets.resize(static_cast<std::size_t>(phases));
+    layout.rows.resize(static_cast<std::size_t>(phases));
+    for (long long g = 0; g < phases; ++g) {
+        layout.offsets[static_cast<std::size_t>(g)] = Quotient(g, step, phases);
+        layout.rows[static_cast<std::size_t>(g)] =
+            static_cast<unsigned>(Remainder(g, step, phases));
     }
 }
 
 } // namespace
 
-long long RateKernelRun(std::span<float const> table, int stride, unsigned phases, unsigned step,
-                        std::span<float const* const> planes, long long planeFrames,
-                        RateKernelState& state, std::span<float> out) {
-    int const channels = static_cast<int>(planes.size());
-    if (channels == 0 || stride <= 0 || phases == 0) {
-        return 0;
+RateLayout MakeRateLayout(LConvertRateBase const& filter, unsigned channels) {
+    RateLayout layout;
+    layout.channels = channels < 1 ? 1 : channels;
+    if (layout.channels == 1 || layout.channels == 2 || layout.channels == 4) {
+        layout.frames = kLanes / static_cast<int>(layout.channels);
+        if (FillGroupCoefficients(filter, layout)) {
+            return layout;
+        }
+        layout.coefficients.clear();
     }
-    Advance const advance{step / phases, step % phases, phases, step};
-    long long const frames = static_cast<long long>(out.size()) / channels;
-    if (stride == 64) {
-        return RunStride64(table.data(), advance, planes.data(), channels, planeFrames, state,
-                           out.data(), frames);
-    }
-    return RunAnyStride(table.data(), stride, advance, planes.data(), channels, planeFrames, state,
-                        out.data(), frames);
+    FillRows(filter, layout);
+    return layout;
 }
 
-void RateKernelSplit(float const* in, long long frames, unsigned channels, float* planes,
-                     long long planeStride) {
-    if (frames > 0 && channels > 0) {
-        SplitInto(in, frames, channels, planes, planeStride);
+long long RateGroupsThatFit(RateLayout const& layout, RateKernelState const& state,
+                            long long inFrames) {
+    // Group g of the run has its first tap at firstTap + Off(group + g) - Off(group), where
+    // Off(n) = (n / groups) * cycleInputs + offsets[n % groups] rises with n; it fits while that
+    // plus the span stays within the frames.
+    long long const first = layout.offsets[static_cast<std::size_t>(state.group)];
+    long long const limit = inFrames - layout.span - state.firstTap + first;
+    if (state.firstTap < 0 || limit < first) {
+        return 0;
+    }
+    long long const cycles = limit / layout.cycleInputs;
+    long long const rest = limit % layout.cycleInputs;
+    auto const inLastCycle = std::upper_bound(layout.offsets.begin(), layout.offsets.end(), rest) -
+                             layout.offsets.begin();
+    return cycles * layout.groups + inLastCycle - state.group;
+}
+
+void RateKernelRun(RateLayout const& layout, float const* in, RateKernelState& state, float* out,
+                   long long groups) {
+    if (groups > 0) {
+        RateKernelVersion(layout, in, state, out, groups);
     }
 }
 

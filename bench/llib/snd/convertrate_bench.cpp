@@ -55,23 +55,24 @@ void BM_ConvertRate(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * outFrames);
 }
 
-// The kernel alone, over planes already split by channel: what the converter costs without its
-// input handling.
+// The kernel alone, over interleaved input already in memory: what the converter costs without
+// pulling its input.
 void BM_RateKernel(benchmark::State& state) {
     LConvertRateBase const filter(kInRateHz, kOutRateHz, kLConvertRateTaps, false);
-    std::vector<float> const left = MakeBenchNoise(kInputFrames, 0.5f, 1);
-    std::vector<float> const right = MakeBenchNoise(kInputFrames, 0.5f, 2);
-    float const* const planes[2] = {left.data(), right.data()};
+    llib::detail::RateLayout const layout = llib::detail::MakeRateLayout(filter, kChannels);
+    std::vector<float> const input =
+        MakeBenchNoise(kInputFrames * kChannels + llib::detail::kRateReadPastEnd, 0.5f, 1);
+    long long const readGroups = kReadFrames / layout.frames;
     std::vector<float> out(static_cast<std::size_t>(kReadFrames) * kChannels);
     long long made = 0;
     for (auto _ : state) {
         llib::detail::RateKernelState kernelState{0, 0};
         for (;;) {
-            long long const n = llib::detail::RateKernelRun(filter.GetTable(), filter.GetStride(),
-                                                            filter.GetPhases(), filter.GetStep(),
-                                                            planes, kInputFrames, kernelState, out);
-            made += n;
-            if (n < kReadFrames) {
+            long long const n = std::min(
+                readGroups, llib::detail::RateGroupsThatFit(layout, kernelState, kInputFrames));
+            llib::detail::RateKernelRun(layout, input.data(), kernelState, out.data(), n);
+            made += n * layout.frames;
+            if (n < readGroups) {
                 break;
             }
         }

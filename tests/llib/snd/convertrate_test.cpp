@@ -188,37 +188,76 @@ TEST(ConvertRate, SineSurvivesARoundTripThroughAnotherRate) {
     EXPECT_LT(db, -60.0);
 }
 
-TEST(ConvertRate, StereoEqualsEachChannelConvertedAlone) {
+// Every channel count is made by its own arrangement of the work (whole vectors of frames for
+// 1, 2 and 4 channels, blocks of up to eight channels otherwise, overlapping above eight), but
+// each sample must come out exactly as the mono conversion of its channel.
+TEST(ConvertRate, EveryChannelEqualsThatChannelConvertedAlone) {
     long long const frames = 20000;
-    std::vector<float> const stereo = MakeNoise(2, frames, 0.8, 11);
-    std::vector<float> left(frames);
-    std::vector<float> right(frames);
-    for (long long f = 0; f < frames; ++f) {
-        left[f] = stereo[2 * f];
-        right[f] = stereo[2 * f + 1];
-    }
-    for (bool threeChannels : {false, true}) {
-        std::vector<float> input = stereo;
-        unsigned char channels = 2;
-        if (threeChannels) {
-            channels = 3;
-            input.clear();
-            for (long long f = 0; f < frames; ++f) {
-                input.insert(input.end(), {left[f], right[f], left[f]});
+    std::vector<float> const left = MakeNoise(1, frames, 0.8, 11);
+    std::vector<float> const right = MakeNoise(1, frames, 0.8, 12);
+    LSoundSource l = Convert(MakeBufferSource(44100, 1, left), 48000);
+    LSoundSource r = Convert(MakeBufferSource(44100, 1, right), 48000);
+    std::vector<float> const lo = ReadAll(l);
+    std::vector<float> const ro = ReadAll(r);
+    for (unsigned char channels : {2, 3, 4, 6, 10}) {
+        // Channel c carries the left signal when c is even, the right when odd.
+        std::vector<float> input;
+        for (long long f = 0; f < frames; ++f) {
+            for (unsigned c = 0; c < channels; ++c) {
+                input.push_back(c % 2 == 0 ? left[f] : right[f]);
             }
         }
         LSoundSource multi = Convert(MakeBufferSource(44100, channels, input), 48000);
-        LSoundSource l = Convert(MakeBufferSource(44100, 1, left), 48000);
-        LSoundSource r = Convert(MakeBufferSource(44100, 1, right), 48000);
-        std::vector<float> const m = ReadAll(multi);
-        std::vector<float> const lo = ReadAll(l);
-        std::vector<float> const ro = ReadAll(r);
+        std::vector<float> const m = ReadAll(multi, 999);
         ASSERT_EQ(m.size(), lo.size() * channels);
         for (std::size_t f = 0; f < lo.size(); ++f) {
-            ASSERT_EQ(m[f * channels], lo[f]) << "frame " << f;
-            ASSERT_EQ(m[f * channels + 1], ro[f]) << "frame " << f;
-            if (threeChannels) {
-                ASSERT_EQ(m[f * channels + 2], lo[f]) << "frame " << f;
+            for (unsigned c = 0; c < channels; ++c) {
+                ASSERT_EQ(m[f * channels + c], c % 2 == 0 ? lo[f] : ro[f])
+                    << int{channels} << " channels, frame " << f << ", channel " << c;
+            }
+        }
+    }
+}
+
+// Output k is the dot product of row (k * S) mod P with the input frames from
+// floor(k * S / P) - 31 on, frames outside the input counting as silence. Checked in double
+// precision for ratios up and down, a steep reduction (a group's outputs spread over many input
+// frames), channel counts on each arrangement, and a ratio with so many phases that the rows are
+// used directly.
+TEST(ConvertRate, EveryOutputIsItsRowTimesItsInputFrames) {
+    struct Case {
+        int in;
+        int out;
+        unsigned char channels;
+    };
+    for (Case const c : {Case{44100, 48000, 1}, Case{44100, 48000, 2}, Case{48000, 44100, 4},
+                         Case{44100, 8000, 2}, Case{8000, 44100, 1}, Case{44100, 48000, 3},
+                         Case{22050, 48000, 10}, Case{44100, 47999, 2}}) {
+        long long const frames = 3000;
+        std::vector<float> const input = MakeNoise(c.channels, frames, 0.9, 21);
+        LSoundSource s = Convert(MakeBufferSource(c.in, c.channels, input), c.out);
+        auto const* converter = dynamic_cast<LSRCConvertRate const*>(s.Get());
+        ASSERT_NE(converter, nullptr);
+        LConvertRateBase const& filter = converter->GetFilter();
+        std::vector<float> const got = ReadAll(s, 333);
+        long long const made = static_cast<long long>(got.size()) / c.channels;
+        ASSERT_EQ(made, s->GetEndSample());
+        for (long long k = 0; k < made; k += 7) {
+            long long const position = k * filter.GetStep();
+            float const* row = filter.GetRow(static_cast<unsigned>(position % filter.GetPhases()));
+            long long const first = position / filter.GetPhases() - kLConvertRateTaps / 2;
+            for (unsigned ch = 0; ch < c.channels; ++ch) {
+                double expected = 0.0;
+                for (int t = 0; t < kLConvertRateTaps; ++t) {
+                    long long const f = first + t;
+                    if (f >= 0 && f < frames) {
+                        expected += static_cast<double>(row[t]) *
+                                    input[static_cast<std::size_t>(f * c.channels + ch)];
+                    }
+                }
+                ASSERT_NEAR(got[static_cast<std::size_t>(k * c.channels + ch)], expected, 2e-6)
+                    << c.in << " -> " << c.out << ", " << int{c.channels} << " channels, frame "
+                    << k << ", channel " << ch;
             }
         }
     }
@@ -227,8 +266,8 @@ TEST(ConvertRate, StereoEqualsEachChannelConvertedAlone) {
 TEST(ConvertRate, ReadsInAnyChunkingAndSeeksGiveTheSameFrames) {
     long long const frames = 30000;
     std::vector<float> const input = MakeNoise(2, frames, 0.5, 3);
-    for (auto [in, out] :
-         {std::pair{44100, 48000}, std::pair{48000, 44100}, std::pair{44100, 8000}}) {
+    for (auto [in, out] : {std::pair{44100, 48000}, std::pair{48000, 44100}, std::pair{44100, 8000},
+                           std::pair{44100, 47999}}) {
         LSoundSource whole = Convert(MakeBufferSource(in, 2, input), out);
         long long const total = whole->GetEndSample();
         std::vector<float> const expected = ReadAll(whole, total);

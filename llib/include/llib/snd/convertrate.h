@@ -11,9 +11,9 @@
 //
 // LSRCConvertRate is the transforming source over it: it reports the target rate, and its
 // positions, length and Seek are in output frames. The output length is the number of output
-// positions that fall before the input's end, ceil(inputEnd * P / S). Input is pulled in blocks,
-// split into one plane per channel so each output sample is one contiguous dot product, and the
-// frames before the input's first frame read as silence. Read allocates nothing.
+// positions that fall before the input's end, ceil(inputEnd * P / S). Input is pulled in blocks
+// into one interleaved buffer; the frames before the input's first frame read as silence. Read
+// allocates nothing.
 //
 // The constructors' last flag (`normalize`) scales each table row to a sum of exactly 1, which
 // removes the small ripple of DC gain across phases; the plain table is the default.
@@ -21,6 +21,7 @@
 #include "llib/snd/soundprocess.h"
 
 #include <cstdint>
+#include <memory>
 #include <new>
 #include <span>
 #include <vector>
@@ -85,9 +86,14 @@ private:
     std::vector<float, llib::detail::AlignedAllocator<float>> m_table;
 };
 
+namespace llib::detail {
+struct RateLayout;
+} // namespace llib::detail
+
 class LSRCConvertRate final : public LSoundProcessBase {
 public:
     LSRCConvertRate(LSoundSource const& input, int rateHz, bool approximate, bool normalize);
+    ~LSRCConvertRate() override;
 
     void Read(float* buffer, long long frames) override;
     [[nodiscard]] long long GetPositionSample() const override { return m_outPosition; }
@@ -100,27 +106,32 @@ public:
     [[nodiscard]] long long OutputToInputFrame(long long frame) const;
 
 private:
-    static constexpr long long kBlockFrames = 16384; // input frames pulled per refill
-    static constexpr long long kPieceFrames = 1024;  // ... in reads of at most this many
+    static constexpr long long kBlockFrames = 16384; // input frames pulled per refill, at most
 
-    [[nodiscard]] long long FirstTapOf(long long outFrame) const;
+    // The input frame of the first tap of output group `group`.
+    [[nodiscard]] long long FirstTapOfGroup(long long group) const;
     // Positions on output frame `outFrame` with the input standing at `inputFrame`.
     void PlaceAt(long long outFrame, long long inputFrame);
     void Refill();
+    // Makes `groups` groups (fewer if the buffer holds less) into `out`; returns how many.
+    long long MakeGroups(float* out, long long groups);
 
     LConvertRateBase m_filter;
+    std::unique_ptr<llib::detail::RateLayout> m_layout;
     unsigned m_inputChannels;
-    int m_half; // taps / 2: how many frames before the centre the first tap lies
+    int m_half;              // taps / 2: how many frames before the centre the first tap lies
+    long long m_groupFrames; // output frames per group
     long long m_outPosition = 0;
-    long long m_firstTap = 0;     // absolute input frame of the next output's first tap
-    unsigned m_phase = 0;         // coefficient row of the next output
-    long long m_planeStart = 0;   // absolute input frame at plane index 0
-    long long m_planeFrames = 0;  // valid frames in each plane
+    long long m_group = 0;        // absolute index of the next group to make
+    long long m_skip = 0;         // frames of that group before the position (after a seek)
+    std::vector<float> m_carry;   // one group made for a read that wanted part of it
+    long long m_carryUsed = 0;    // frames of m_carry already delivered
+    long long m_carryFrames = 0;  // frames of m_carry that are valid
+    std::vector<float> m_buffer;  // interleaved input frames, with room to read past the end
+    long long m_capacity;         // frames m_buffer holds
+    long long m_bufferStart = 0;  // absolute input frame at index 0
+    long long m_bufferFrames = 0; // valid frames
     long long m_silentBefore = 0; // absolute frames below this read as silence
-    std::vector<float> m_planes;  // channel c at c * m_planeCapacity
-    long long m_planeCapacity;
-    std::vector<float> m_interleaved; // one piece read from the input
-    std::vector<float const*> m_planePointers;
 };
 
 // The effect that opens an LSRCConvertRate to `rateHz` (exact ratio, plain table).
