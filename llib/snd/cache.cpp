@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <climits>
 #include <bitset>
 #include <cstring>
 #include <map>
@@ -168,7 +169,14 @@ void LSoundCache::SetFolder(std::string const& folder) {
     s.scanNeeded = true;
     s.folderSet = false;
     if (!folder.empty()) {
+        // Kept absolute: the working directory may change while the cache is in use.
         s.folder = folder;
+        if (folder.front() != '/') {
+            char cwd[PATH_MAX];
+            if (getcwd(cwd, sizeof cwd) != nullptr) {
+                s.folder = std::string(cwd) + "/" + folder;
+            }
+        }
         while (s.folder.size() > 1 && s.folder.back() == '/') {
             s.folder.pop_back();
         }

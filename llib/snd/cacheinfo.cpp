@@ -14,6 +14,8 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <set>
@@ -122,15 +124,18 @@ void DeleteAllUnreferenced() {
     }
 }
 
-// The mount point of the volume holding `path`: the highest folder on the same device.
-std::string VolumeOf(std::string path) {
+// The mount point of the volume holding `where`: the highest folder on the same device.
+std::string VolumeOf(char const* where) {
+    char resolved[PATH_MAX];
     struct stat st {};
-    if (stat(path.c_str(), &st) != 0) {
+    if (realpath(where, resolved) == nullptr || stat(resolved, &st) != 0) {
         return "/";
     }
+    std::string path = resolved;
     while (path.size() > 1) {
         std::size_t const slash = path.find_last_of('/');
-        std::string const parent = slash == 0 ? "/" : path.substr(0, slash);
+        std::string const parent =
+            slash == 0 || slash == std::string::npos ? std::string(1, '/') : path.substr(0, slash);
         struct stat up {};
         if (stat(parent.c_str(), &up) != 0 || up.st_dev != st.st_dev) {
             break;
@@ -382,16 +387,17 @@ std::string LSoundCacheSpaceMessage(double requiredMB, char const* volume, doubl
 namespace llib::detail {
 
 bool CacheFreeSpace(unsigned long long& bytes, std::string& volume) {
-    std::string folder = LSoundCache::GetFolder();
+    std::string const folder = LSoundCache::GetFolder();
+    char const* where = folder.c_str();
     struct statvfs st {};
-    if (statvfs(folder.c_str(), &st) != 0) {
-        folder = "/";
-        if (statvfs(folder.c_str(), &st) != 0) {
+    if (statvfs(where, &st) != 0) {
+        where = "/";
+        if (statvfs(where, &st) != 0) {
             return false;
         }
     }
     bytes = static_cast<unsigned long long>(st.f_bavail) * st.f_frsize;
-    volume = VolumeOf(folder);
+    volume = VolumeOf(where);
     return true;
 }
 

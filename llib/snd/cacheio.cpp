@@ -21,11 +21,50 @@ namespace {
 constexpr float kGrfCeiling = 15.848932f; // +24 dBFS
 constexpr float kGrfScale = 4134.916f;    // codes per unit of full scale
 constexpr std::size_t kGrfFlushBytes = 64 * 1024;
+constexpr long long kWritebackBytes = 8LL << 20;
 constexpr unsigned long long kHeadroomBytes = 104857600; // 100 MB
 constexpr double kBytesPerMB = 1048576.0;
 
+constexpr bool kLanesFit(unsigned channels) {
+    return channels == 1 || channels == 2 || channels == 4 || channels == 8;
+}
+
 int OpenForWriting(std::string const& path) {
     return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+}
+
+// Folds `frames` interleaved frames into each channel's running maximum and minimum. When the
+// channel count divides 8, sample i of every run of eight belongs to channel i % channels, so
+// runs of eight are folded lane by lane and the lanes combined at the end.
+void FoldPeaks(float const* samples, long long frames, unsigned channels, float* top,
+               float* bottom) {
+    long long const count = frames * channels;
+    long long i = 0;
+    if (kLanesFit(channels)) {
+        // Plain arrays of eight rather than vector types: the baseline build turns these loops
+        // into packed max/min, where a vector select would go through memory lane by lane.
+        float high[8] = {};
+        float low[8] = {};
+        for (; i + 8 <= count; i += 8) {
+            for (int l = 0; l < 8; ++l) {
+                high[l] = std::max(high[l], samples[i + l]);
+                low[l] = std::min(low[l], samples[i + l]);
+            }
+        }
+        for (unsigned l = 0; l < 8; ++l) {
+            unsigned const c = l % channels;
+            top[c] = std::max(top[c], high[l]);
+            bottom[c] = std::min(bottom[c], low[l]);
+        }
+    }
+    // What is left (or every sample, for other channel counts), frame-aligned since whole
+    // vectors are whole frames.
+    for (; i < count; ++i) {
+        unsigned const c = static_cast<unsigned>(i % channels);
+        float const v = samples[i];
+        top[c] = v > top[c] ? v : top[c];
+        bottom[c] = v < bottom[c] ? v : bottom[c];
+    }
 }
 
 } // namespace
@@ -110,25 +149,24 @@ void LSoundCacheSink::Write(float const* buffer, long long frames) {
         return;
     }
     unsigned const channels = GetChannels();
-    if (!WriteAll(m_aud, buffer, static_cast<std::size_t>(frames) * channels * sizeof(float))) {
+    std::size_t const bytes = static_cast<std::size_t>(frames) * channels * sizeof(float);
+    if (!WriteAll(m_aud, buffer, bytes)) {
         return;
+    }
+    // Start the disk on what has been written so far instead of leaving it all to the kernel's
+    // later writeback: decoding and writing then overlap, and an hour of audio does not pile up
+    // as dirty memory.
+    m_audBytes += static_cast<long long>(bytes);
+    if (m_audBytes - m_writebackFrom >= kWritebackBytes) {
+        (void)sync_file_range(m_aud, m_writebackFrom, m_audBytes - m_writebackFrom,
+                              SYNC_FILE_RANGE_WRITE);
+        m_writebackFrom = m_audBytes;
     }
     AddFramesWritten(frames);
     long long done = 0;
     while (done < frames) {
         long long const n = std::min(frames - done, kLSoundCacheGrfFrames - m_groupFrames);
-        float const* const group = buffer + done * channels;
-        for (unsigned c = 0; c < channels; ++c) {
-            float top = m_max[c];
-            float bottom = m_min[c];
-            for (long long f = 0; f < n; ++f) {
-                float const v = group[f * channels + c];
-                top = v > top ? v : top;
-                bottom = v < bottom ? v : bottom;
-            }
-            m_max[c] = top;
-            m_min[c] = bottom;
-        }
+        FoldPeaks(buffer + done * channels, n, channels, m_max, m_min);
         m_groupFrames += n;
         done += n;
         if (m_groupFrames == kLSoundCacheGrfFrames) {

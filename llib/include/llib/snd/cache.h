@@ -198,6 +198,8 @@ private:
     int m_aud = -1;
     int m_grf = -1;
     long long m_groupFrames = 0;             // frames folded into the current peak group
+    long long m_audBytes = 0;                // bytes written to ".aud"
+    long long m_writebackFrom = 0;           // where the next disk writeback starts
     std::vector<unsigned char> m_grfPending; // records not yet written
     float m_max[256] = {};
     float m_min[256] = {};
