@@ -213,6 +213,11 @@ void LSoundCache::DecRef(unsigned short item) {
         if (!s.folderSet || item == kLSoundCacheItemNone) {
             return;
         }
+        // A saturated count no longer knows how many holders there are: the item stays for
+        // the rest of the process rather than being deleted under a holder.
+        if (s.references[item] == kLSoundCacheItemFailed) {
+            return;
+        }
         if (s.references[item] >= 2) {
             --s.references[item];
             CountLive(-1);

@@ -88,6 +88,7 @@ public:
     // The folder, without a trailing slash (resolved from the user's folders on first use).
     [[nodiscard]] static std::string GetFolder();
 
+    // Counts saturate at 65534; a saturated item is never released again in this process.
     static void IncRef(unsigned short item);
     // Releases one reference; the last keeps or deletes the item's files (see above).
     static void DecRef(unsigned short item);
