@@ -7,6 +7,7 @@
 
 #include "llib/snd/cache.h"
 
+#include "bench/support/benchmain.h"
 #include "bench/support/benchsources.h"
 
 #include <benchmark/benchmark.h>
@@ -124,13 +125,10 @@ BENCHMARK(BM_CacheItemAdd)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRea
 BENCHMARK(BM_DdSameBytes)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    SummaryReporter reporter;
+    if (!LRunBenchmarks(argc, argv, reporter)) {
         return 1;
     }
-    SummaryReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
     double const ours = reporter.Get("BM_CacheItemAdd") / 1048576.0;
     double const dd = reporter.Get("BM_DdSameBytes") / 1048576.0;
     std::printf("\n-- adding a %.0f MB item (%lld s of 44.1 kHz stereo) --\n",

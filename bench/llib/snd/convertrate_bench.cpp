@@ -10,6 +10,7 @@
 
 #include "llib/snd/convertrate.h"
 
+#include "bench/support/benchmain.h"
 #include "bench/support/benchsources.h"
 #include "llib/snd/ratekernel.h"
 
@@ -313,13 +314,10 @@ BENCHMARK(BM_LibsamplerateSincFastest)->Unit(benchmark::kMillisecond);
 #endif
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    SummaryReporter reporter;
+    if (!LRunBenchmarks(argc, argv, reporter)) {
         return 1;
     }
-    SummaryReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
     PrintSummary(reporter);
     return 0;
 }

@@ -9,6 +9,7 @@
 #include "llib/snd/cache.h"
 #include "llib/snd/cutlistaudio.h"
 
+#include "bench/support/benchmain.h"
 #include "bench/support/benchsources.h"
 
 #include <benchmark/benchmark.h>
@@ -201,13 +202,10 @@ BENCHMARK(BM_ReadSegments)
     ->MinTime(2.0);
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    SummaryReporter reporter;
+    if (!LRunBenchmarks(argc, argv, reporter)) {
         return 1;
     }
-    SummaryReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
 
     double const pair = reporter.Seconds("BM_DeleteInsert/1000");
     double const peaks = reporter.Seconds("BM_GrfBufferGetOneHour");
