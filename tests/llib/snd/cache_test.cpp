@@ -10,11 +10,14 @@
 #include "tests/support/testprocess.h"
 #include "tests/support/testsources.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cmath>
 #include <ctime>
 #include <tuple>
@@ -376,6 +379,33 @@ TEST_F(SoundCacheTest, AddingFailsCleanlyWithoutSpaceOrAWritableFolder) {
     ASSERT_EQ(second.errors.size(), 1u);
     EXPECT_NE(second.errors[0].find("could not be written to the sound cache"), std::string::npos);
     EXPECT_EQ(LSoundLiveCount(LSoundLiveKind::kCacheReference), 0);
+}
+
+// A disk that fills up during the copy, made with the file size limit (which fails writes the
+// way a full disk does, whoever runs the test): the copy fails with the system's reason and no
+// item stays behind.
+TEST_F(SoundCacheTest, ADiskFillingUpMidwayLeavesNoItem) {
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+    void (*oldHandler)(int) = signal(SIGXFSZ, SIG_IGN);
+    rlimit small = old;
+    small.rlim_cur = 64 * 1024;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    LSoundSource second = MakeBufferSource(44100, 2, std::vector<float>(2 * 44100, 0.25f));
+    LTestProcess process;
+    LSoundCacheItemHandle handle;
+    long long frames = -1;
+    LProcessResult const result = LSoundCacheItemAdd(process, second, handle, frames);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &old), 0);
+    signal(SIGXFSZ, oldHandler);
+    EXPECT_EQ(result, LProcessResult::kFailed);
+    EXPECT_EQ(handle.item, kLSoundCacheItemFailed);
+    EXPECT_EQ(frames, 0);
+    ASSERT_EQ(process.errors.size(), 1u);
+    EXPECT_NE(process.errors[0].find(std::strerror(EFBIG)), std::string::npos) << process.errors[0];
+    EXPECT_EQ(LSoundLiveCount(LSoundLiveKind::kCacheReference), 0);
+    EXPECT_EQ(LSoundCache::ItemNumberGetNextAvailable(), 0);
+    EXPECT_FALSE(Exists(FileOf(0, kLSoundCacheExtAud)));
 }
 
 TEST_F(SoundCacheTest, ThreadsAddingAndReleasingKeepCountsExact) {
