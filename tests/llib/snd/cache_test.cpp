@@ -353,6 +353,52 @@ TEST_F(SoundCacheTest, CleanupRemovesInvalidItemsThenUnreferencedOnesByAge) {
     LSoundCache::DecRef(referenced);
 }
 
+// Whatever the free space, every mode removes an unreferenced item last used 30 days ago (the
+// longest any mode keeps one is 28 days) and never one that is referenced or kept.
+TEST_F(SoundCacheTest, EveryCleanupModeRemovesStaleItemsAndSparesHeldOnes) {
+    LSettingsStore settings(PathOf("settings.ini"));
+    for (int mode = 1; mode <= 4; ++mode) {
+        unsigned short const held = AddItem({0.1f});
+        unsigned short const kept = AddItem({0.1f});
+        LSoundCache::SetKept(kept, true);
+        LSoundCache::DecRef(kept);
+        LSoundCacheOriginal const original = MakeOriginal("old.wav", "old");
+        unsigned short const stale = AddItem({0.1f});
+        ASSERT_TRUE(LSoundCacheItemOriginalSet(stale, original));
+        LOutputStreamByteArray out;
+        LSDFWriter<LOutputStreamByteArray> writer;
+        ASSERT_TRUE(writer.Open(out, kLSDFFileCacheItemInfoUpdate, 1) &&
+                    writer.WriteInt64(kLSoundCacheInfoLastAccess, time(nullptr) - 30 * 86400) &&
+                    writer.Close());
+        LSizedArray<unsigned char> update;
+        ASSERT_TRUE(update.Allocate(out.GetBytes().size()));
+        std::memcpy(update.GetData(), out.GetBytes().data(), out.GetBytes().size());
+        ASSERT_TRUE(LSoundCacheItemInfoUpdate(stale, update, false));
+        LSoundCache::DecRef(stale);
+        ASSERT_TRUE(LSoundCacheItemIsValid(stale)) << "kept for its unchanged original";
+
+        LSoundCacheCleanup(mode, settings);
+        EXPECT_FALSE(Exists(FileOf(stale, kLSoundCacheExtAudInfo))) << "mode " << mode;
+        EXPECT_TRUE(LSoundCacheItemIsValid(held)) << "mode " << mode;
+        EXPECT_TRUE(LSoundCacheItemIsValid(kept)) << "mode " << mode;
+        LSoundCache::DecRef(held);
+        LSoundCache::SetKept(kept, false);
+        LSoundCache::CacheItemDelete(kept);
+    }
+
+    // Deleting the cached files takes every file of unreferenced items, extras included.
+    unsigned short const held = AddItem({0.1f});
+    ASSERT_TRUE(WriteFileBytes(PathOf("cache/40.fft"), "x", 1));
+    ASSERT_TRUE(WriteFileBytes(PathOf("cache/40.zuvmp3"), "x", 1));
+    ASSERT_TRUE(WriteFileBytes(PathOf("cache/40.aud"), "x", 1));
+    LSoundCache::DeleteCachedFiles();
+    EXPECT_FALSE(Exists(PathOf("cache/40.fft")));
+    EXPECT_FALSE(Exists(PathOf("cache/40.zuvmp3")));
+    EXPECT_FALSE(Exists(PathOf("cache/40.aud")));
+    EXPECT_TRUE(LSoundCacheItemIsValid(held));
+    LSoundCache::DecRef(held);
+}
+
 TEST_F(SoundCacheTest, AddingFailsCleanlyWithoutSpaceOrAWritableFolder) {
     // More frames than any disk holds: refused before anything is written, with the message.
     LSoundSource huge = LMakeSource<LTestStaircaseSource>(44100, 2, 1LL << 50);
