@@ -88,10 +88,11 @@ bool AnalyzeType(unsigned short item, LSizedArray<unsigned char>& update) {
 }
 
 void AnalyzeItem(unsigned short item) {
-    LSettingsStore& settings = LSettingsStore::GetDefault();
-    // The beat analyzer's setting is honoured by its own work when it exists; until then only
-    // the type analyzer runs.
-    if (settings.GetBool("Analyzers", "EnableTypeAnalyzer", true) && LSoundCacheItemIsValid(item) &&
+    // Only the type analyzer exists so far; the beat analyzer will join it here under its own
+    // setting.
+    if (LSoundCacheItemAnalyzerManager::IsEnabled(
+            LSoundCacheItemAnalyzerManager::Analyzer::kType) &&
+        LSoundCacheItemIsValid(item) &&
         !LSoundCacheItemAnalyzerChunkExists(item, kLSoundCacheInfoTypeAnalysis)) {
         LSizedArray<unsigned char> update;
         // Merging only into an item that is still there: a deleted item must not come back as a
@@ -164,6 +165,12 @@ void LSoundCacheItemAnalyzerManager::Stop() {
     m.running = false;
     m.queue.clear();
     m.queued.reset();
+}
+
+bool LSoundCacheItemAnalyzerManager::IsEnabled(Analyzer analyzer) {
+    char const* const key =
+        analyzer == Analyzer::kType ? "EnableTypeAnalyzer" : "EnableBeatAnalyzer";
+    return LSettingsStore::GetDefault().GetBool("Analyzers", key, true);
 }
 
 bool LSoundCacheItemAnalyzerManager::IsRunning() const {

@@ -248,6 +248,11 @@ public:
     // Waits until the queue is empty and the thread idle, at most `ms`; true when it is.
     [[nodiscard]] bool WaitIdle(int ms);
 
+    enum class Analyzer : unsigned char { kType = 0, kBeat = 1 };
+    // Whether the user has the analyzer on ("EnableTypeAnalyzer" / "EnableBeatAnalyzer" in
+    // "Analyzers"), read when each item is taken so a change applies to the next one.
+    [[nodiscard]] static bool IsEnabled(Analyzer analyzer);
+
 private:
     LSoundCacheItemAnalyzerManager() = default;
 };
