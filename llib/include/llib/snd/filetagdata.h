@@ -8,8 +8,9 @@
 // Markers travel through the same store as plain keys, so a record can be shown, edited and
 // copied without knowing about them:
 //   "marker_count"       number of markers, indexed from 0
-//   "marker_samplerate"  rate that positions in milliseconds are converted with
-//   "marker_postype"     0: positions are milliseconds, anything else: sample frames
+//   "marker_samplerate"  rate that positions in milliseconds are converted with (absent: the
+//                        file's own rate)
+//   "marker_postype"     0 or absent: positions are milliseconds, anything else: sample frames
 //   "marker_%u_pos"      position of marker %u
 //   "marker_%u_name"     name of marker %u (MarkerNameGet supplies a default)
 //

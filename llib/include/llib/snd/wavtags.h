@@ -138,8 +138,9 @@ private:
     std::string m_id3Path;
 };
 
-// Reads every tag of a WAV file into `tags` (a key already in `tags` keeps the first value
-// read); false when the file is not a readable RIFF/WAVE file.
+// Reads every tag of a WAV file into `tags`, replacing the values of keys it already holds
+// (where the file has a key in several chunks, the first pair the iterator gives wins); false
+// when the file is not a readable RIFF/WAVE file.
 [[nodiscard]] bool LWavTagsRead(char const* path, LFileTagData& tags);
 // Rewrites the tag chunks of an existing WAV file so they hold exactly `tags`; false on failure
 // (the audio is never touched).
