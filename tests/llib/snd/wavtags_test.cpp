@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -157,6 +159,34 @@ TEST(WavTagMapping, InfoTableHoldsBothWaysAndOnlyTheVocabularyIsValid) {
     for (char const* key : {"marker_count", "TITLES", "TITL", "", "INAM", "LYRICS"}) {
         EXPECT_FALSE(LWavTagWriter::TagFieldIsValid(key)) << key;
     }
+}
+
+TEST(WavTagRecord, KeysIgnoreCaseKeepTheirPlaceAndSurviveRemoval) {
+    LFileTagData tags;
+    tags.Set("title", "a");
+    tags.Set("Artist", "b");
+    tags.Set("ALBUM", "c");
+    tags.Set("TITLE", "a2");
+    tags.Remove("artist");
+    ASSERT_EQ(tags.GetCount(), 2u);
+    EXPECT_STREQ(tags.GetKeyAt(0), "TITLE");
+    EXPECT_STREQ(tags.GetValueAt(0), "a2");
+    EXPECT_STREQ(tags.Get("album"), "c"); // found through the index after the shift
+    EXPECT_EQ(tags.Get("ARTIST"), nullptr);
+    tags.Set("genre", "d");
+    EXPECT_STREQ(tags.GetKeyAt(2), "GENRE");
+
+    char name[LFileTagData::kNameBytes];
+    tags.MarkerNameGet(4, name);
+    EXPECT_STREQ(name, "5");
+    // 129 two-byte characters: the cut must fall between characters, not inside one.
+    std::string longName;
+    for (int i = 0; i < 130; ++i) {
+        longName += "\xC3\xA9";
+    }
+    tags.Set("marker_4_name", longName.c_str());
+    tags.MarkerNameGet(4, name);
+    EXPECT_EQ(std::string(name), longName.substr(0, 258));
 }
 
 TEST_F(WavTagTest, EveryChunkKindRoundTrips) {
@@ -429,6 +459,26 @@ TEST_F(WavTagTest, HostileFilesFailCleanly) {
     std::string const file = WavBytes(4, cue);
     ASSERT_TRUE(WriteFileBytes(m_path, file.data(), file.size()));
     EXPECT_EQ(ReadAll(m_path)["MARKER_COUNT"], "1");
+}
+
+// A disk that fills up while chunks are appended: the file is taken back to what it was.
+TEST_F(WavTagTest, AFailedAppendLeavesTheFileAsItWas) {
+    LFileTagData tags;
+    tags.Set("COMMENT", "x");
+    ASSERT_TRUE(LWavTagsWrite(m_path.c_str(), tags));
+    std::string const before = ReadFileBytes(m_path);
+    tags.Set("COMMENT", std::string(300, 'y').c_str()); // needs appending; the slot is too small
+    auto const oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit old = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+    rlimit limited = old;
+    limited.rlim_cur = before.size() + 100;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+    bool const written = LWavTagsWrite(m_path.c_str(), tags);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
+    std::signal(SIGXFSZ, oldHandler);
+    EXPECT_FALSE(written);
+    EXPECT_EQ(ReadFileBytes(m_path), before);
 }
 
 // Past 4 GB the sink keeps writing "data" chunks and the RIFF size saturates; the tags go after
