@@ -104,7 +104,6 @@ constexpr unsigned kBextTimeRefHigh = 342;
 constexpr unsigned kBextVersion = 346;
 constexpr unsigned kBextUmid = 348;
 constexpr unsigned kBextUmidBytes = 64;
-// Keys that call for a bext chunk; the shared ones (COMMENT, DATE) only fill it.
 constexpr char const* kBextOwnKeys[] = {"ORIGINATOR", "REFERENCE", "TIMEREFLOW",    "TIMEREFHIGH",
                                         "BWFVERSION", "UMID",      "CODINGHISTORY", "TIME"};
 
@@ -563,18 +562,21 @@ char const* LWavTagWriter::MappedChunkIdGet(char const* key) {
     return kNoInfoId;
 }
 
-bool LWavTagWriter::OtherChunkTagsPrepare(std::uint32_t rateHz) {
-    m_chunks.clear();
-    LFileTagData const& tags = m_tags;
-    auto text = [&tags](char const* key) {
-        char const* value = tags.Get(key);
-        return value != nullptr ? value : "";
-    };
+namespace {
 
-    // LIST/INFO, in the record's order.
+// Text of a key, empty when the record lacks it.
+char const* TextOf(LFileTagData const& tags, char const* key) {
+    char const* value = tags.Get(key);
+    return value != nullptr ? value : "";
+}
+
+using Chunks = std::vector<LWavTagWriter::Chunk>;
+
+// LIST/INFO, in the record's order.
+void InfoChunkPrepare(LFileTagData const& tags, Chunks& chunks) {
     std::vector<unsigned char> info = {'I', 'N', 'F', 'O'};
     for (std::size_t i = 0; i < tags.GetCount(); ++i) {
-        char const* id = MappedChunkIdGet(tags.GetKeyAt(i));
+        char const* id = LWavTagWriter::MappedChunkIdGet(tags.GetKeyAt(i));
         std::size_t const bytes = std::strlen(tags.GetValueAt(i));
         if (IdIs(id, kNoInfoId) || bytes == 0) {
             continue;
@@ -587,117 +589,147 @@ bool LWavTagWriter::OtherChunkTagsPrepare(std::uint32_t rateHz) {
         }
     }
     if (info.size() > 4) {
-        m_chunks.push_back(ChunkMake("LIST", std::move(info)));
+        chunks.push_back(ChunkMake("LIST", std::move(info)));
     }
+}
 
-    if (char const* title = text("TITLE"); title[0] != '\0') {
+// The display title, for programs that show DISP rather than INFO.
+void DispChunkPrepare(LFileTagData const& tags, Chunks& chunks) {
+    if (char const* title = TextOf(tags, "TITLE"); title[0] != '\0') {
         std::vector<unsigned char> disp;
         Append32(disp, 1);
         disp.insert(disp.end(), title, title + std::strlen(title) + 1);
-        m_chunks.push_back(ChunkMake("DISP", std::move(disp)));
+        chunks.push_back(ChunkMake("DISP", std::move(disp)));
     }
+}
 
+// Only keys of its own call for a bext chunk; the shared ones (COMMENT, DATE) merely fill it.
+void BextChunkPrepare(LFileTagData const& tags, Chunks& chunks) {
+    auto text = [&tags](char const* key) { return TextOf(tags, key); };
     std::int64_t number = 0;
-    if (AnyKeySet(tags, kBextOwnKeys)) {
-        std::vector<unsigned char> bext(kBextBytes, 0);
-        for (TextField const& f : kBextText) {
-            FieldPut(bext.data() + f.offset, f.bytes, text(f.key));
-        }
-        if (EncodeNumberTagIfValid(text("TIMEREFLOW"), 0, 0xFFFFFFFF, number)) {
-            Put32(bext.data() + kBextTimeRefLow, static_cast<std::uint32_t>(number));
-        }
-        if (EncodeNumberTagIfValid(text("TIMEREFHIGH"), 0, 0xFFFFFFFF, number)) {
-            Put32(bext.data() + kBextTimeRefHigh, static_cast<std::uint32_t>(number));
-        }
-        if (EncodeNumberTagIfValid(text("BWFVERSION"), 0, 0xFFFF, number)) {
-            bext[kBextVersion] = static_cast<unsigned char>(number);
-            bext[kBextVersion + 1] = static_cast<unsigned char>(number >> 8);
-        }
-        char const* umid = text("UMID");
-        std::size_t const umidDigits = std::strlen(umid);
-        if (umidDigits % 2 == 0 && umidDigits <= 2 * kBextUmidBytes &&
-            std::all_of(umid, umid + umidDigits, [](char c) { return std::isxdigit(c) != 0; })) {
-            for (std::size_t i = 0; i < umidDigits / 2; ++i) {
-                char const pair[3] = {umid[2 * i], umid[2 * i + 1], 0};
-                bext[kBextUmid + i] = static_cast<unsigned char>(std::strtoul(pair, nullptr, 16));
-            }
-        }
-        char const* history = text("CODINGHISTORY");
-        bext.insert(bext.end(), history, history + std::strlen(history));
-        m_chunks.push_back(ChunkMake("bext", std::move(bext)));
+    if (!AnyKeySet(tags, kBextOwnKeys)) {
+        return;
     }
-
-    if (AnyKeySet(tags, kCartOwnKeys) || AnyPostTimerSet(tags)) {
-        std::vector<unsigned char> cart(kCartBytes, 0);
-        // AES46 readers check the version; "0101" is the one the published layout defines.
-        FieldPut(cart.data(), 4, "0101");
-        for (TextField const& f : kCartText) {
-            FieldPut(cart.data() + f.offset, f.bytes, text(f.key));
-        }
-        if (EncodeNumberTagIfValid(text("LEVELREFERENCE"), INT32_MIN, INT32_MAX, number)) {
-            Put32(cart.data() + kCartLevelReference, static_cast<std::uint32_t>(number));
-        }
-        for (unsigned i = 0; i < 8; ++i) {
-            char key[24];
-            std::snprintf(key, sizeof(key), "POSTTIMER%uUSAGE", i + 1);
-            unsigned char* timer = cart.data() + kCartPostTimers + 8 * i;
-            FieldPut(timer, 4, text(key));
-            std::snprintf(key, sizeof(key), "POSTTIMER%uVALUE", i + 1);
-            if (EncodeNumberTagIfValid(text(key), 0, 0xFFFFFFFF, number)) {
-                Put32(timer + 4, static_cast<std::uint32_t>(number));
-            }
-        }
-        char const* tagText = text("TAGTEXT");
-        cart.insert(cart.end(), tagText, tagText + std::strlen(tagText));
-        m_chunks.push_back(ChunkMake("cart", std::move(cart)));
+    std::vector<unsigned char> bext(kBextBytes, 0);
+    for (TextField const& f : kBextText) {
+        FieldPut(bext.data() + f.offset, f.bytes, text(f.key));
     }
+    if (EncodeNumberTagIfValid(text("TIMEREFLOW"), 0, 0xFFFFFFFF, number)) {
+        Put32(bext.data() + kBextTimeRefLow, static_cast<std::uint32_t>(number));
+    }
+    if (EncodeNumberTagIfValid(text("TIMEREFHIGH"), 0, 0xFFFFFFFF, number)) {
+        Put32(bext.data() + kBextTimeRefHigh, static_cast<std::uint32_t>(number));
+    }
+    if (EncodeNumberTagIfValid(text("BWFVERSION"), 0, 0xFFFF, number)) {
+        bext[kBextVersion] = static_cast<unsigned char>(number);
+        bext[kBextVersion + 1] = static_cast<unsigned char>(number >> 8);
+    }
+    char const* umid = text("UMID");
+    std::size_t const umidDigits = std::strlen(umid);
+    if (umidDigits % 2 == 0 && umidDigits <= 2 * kBextUmidBytes &&
+        std::all_of(umid, umid + umidDigits,
+                    [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; })) {
+        for (std::size_t i = 0; i < umidDigits / 2; ++i) {
+            char const pair[3] = {umid[2 * i], umid[2 * i + 1], 0};
+            bext[kBextUmid + i] = static_cast<unsigned char>(std::strtoul(pair, nullptr, 16));
+        }
+    }
+    char const* history = text("CODINGHISTORY");
+    bext.insert(bext.end(), history, history + std::strlen(history));
+    chunks.push_back(ChunkMake("bext", std::move(bext)));
+}
 
-    // Markers. A marker without a usable position is left out; so is the whole chunk when none
-    // remains.
+// Likewise the cart chunk, which title, artist and category only fill.
+void CartChunkPrepare(LFileTagData const& tags, Chunks& chunks) {
+    auto text = [&tags](char const* key) { return TextOf(tags, key); };
+    std::int64_t number = 0;
+    if (!AnyKeySet(tags, kCartOwnKeys) && !AnyPostTimerSet(tags)) {
+        return;
+    }
+    std::vector<unsigned char> cart(kCartBytes, 0);
+    // AES46 readers check the version; "0101" is the one the published layout defines.
+    FieldPut(cart.data(), 4, "0101");
+    for (TextField const& f : kCartText) {
+        FieldPut(cart.data() + f.offset, f.bytes, text(f.key));
+    }
+    if (EncodeNumberTagIfValid(text("LEVELREFERENCE"), INT32_MIN, INT32_MAX, number)) {
+        Put32(cart.data() + kCartLevelReference, static_cast<std::uint32_t>(number));
+    }
+    for (unsigned i = 0; i < 8; ++i) {
+        char key[24];
+        std::snprintf(key, sizeof(key), "POSTTIMER%uUSAGE", i + 1);
+        unsigned char* timer = cart.data() + kCartPostTimers + 8 * i;
+        FieldPut(timer, 4, text(key));
+        std::snprintf(key, sizeof(key), "POSTTIMER%uVALUE", i + 1);
+        if (EncodeNumberTagIfValid(text(key), 0, 0xFFFFFFFF, number)) {
+            Put32(timer + 4, static_cast<std::uint32_t>(number));
+        }
+    }
+    char const* tagText = text("TAGTEXT");
+    cart.insert(cart.end(), tagText, tagText + std::strlen(tagText));
+    chunks.push_back(ChunkMake("cart", std::move(cart)));
+}
+
+// Markers as cue points. A marker without a usable position is left out; so is the whole chunk
+// when none remains.
+void CueChunkPrepare(LFileTagData const& tags, std::uint32_t rateHz, Chunks& chunks) {
+    auto text = [&tags](char const* key) { return TextOf(tags, key); };
     std::int64_t count = 0;
-    if (EncodeNumberTagIfValid(text("marker_count"), 0, INT32_MAX, count) && count > 0) {
-        count = std::min(count, kMaxMarkers);
-        std::int64_t rate = 0;
-        if (!EncodeNumberTagIfValid(text("marker_samplerate"), 1, INT32_MAX, rate)) {
-            rate = rateHz;
-        }
-        bool const inMs =
-            text("marker_postype")[0] == '\0' || std::strcmp(text("marker_postype"), "0") == 0;
-        std::vector<unsigned char> cue(4, 0);
-        std::uint32_t written = 0;
-        for (std::int64_t i = 0; i < count; ++i) {
-            char key[48];
-            std::snprintf(key, sizeof(key), "marker_%lld_pos", static_cast<long long>(i));
-            std::int64_t pos = 0;
-            if (!EncodeNumberTagIfValid(text(key), 0, 99999999999, pos)) {
-                continue;
-            }
-            if (inMs) {
-                // Split at whole seconds so that the product cannot overflow for long files.
-                pos = (pos / 1000) * rate + ((pos % 1000) * rate) / 1000;
-            }
-            if (pos > 0xFFFFFFFF) {
-                continue;
-            }
-            char name[LFileTagData::kNameBytes];
-            tags.MarkerNameGet(static_cast<unsigned>(i), name);
-            unsigned char id[4] = {};
-            std::memcpy(id, name, std::min<std::size_t>(4, std::strlen(name)));
-            cue.insert(cue.end(), id, id + 4);
-            Append32(cue, static_cast<std::uint32_t>(pos));
-            cue.insert(cue.end(), {'d', 'a', 't', 'a'});
-            Append32(cue, 0);
-            Append32(cue, 0);
-            Append32(cue, static_cast<std::uint32_t>(pos));
-            ++written;
-        }
-        if (written > 0) {
-            Put32(cue.data(), written);
-            m_chunks.push_back(ChunkMake("cue ", std::move(cue)));
-        }
+    if (!EncodeNumberTagIfValid(text("marker_count"), 0, INT32_MAX, count) || count == 0) {
+        return;
     }
+    count = std::min(count, kMaxMarkers);
+    std::int64_t rate = 0;
+    if (!EncodeNumberTagIfValid(text("marker_samplerate"), 1, INT32_MAX, rate)) {
+        rate = rateHz;
+    }
+    bool const inMs =
+        text("marker_postype")[0] == '\0' || std::strcmp(text("marker_postype"), "0") == 0;
+    std::vector<unsigned char> cue(4, 0);
+    std::uint32_t written = 0;
+    for (std::int64_t i = 0; i < count; ++i) {
+        char key[48];
+        std::snprintf(key, sizeof(key), "marker_%lld_pos", static_cast<long long>(i));
+        std::int64_t pos = 0;
+        if (!EncodeNumberTagIfValid(text(key), 0, 99999999999, pos)) {
+            continue;
+        }
+        if (inMs) {
+            // Split at whole seconds so that the product cannot overflow for long files.
+            pos = (pos / 1000) * rate + ((pos % 1000) * rate) / 1000;
+        }
+        if (pos > 0xFFFFFFFF) {
+            continue;
+        }
+        char name[LFileTagData::kNameBytes];
+        tags.MarkerNameGet(static_cast<unsigned>(i), name);
+        unsigned char id[4] = {};
+        std::memcpy(id, name, std::min<std::size_t>(4, std::strlen(name)));
+        cue.insert(cue.end(), id, id + 4);
+        Append32(cue, static_cast<std::uint32_t>(pos));
+        cue.insert(cue.end(), {'d', 'a', 't', 'a'});
+        Append32(cue, 0);
+        Append32(cue, 0);
+        Append32(cue, static_cast<std::uint32_t>(pos));
+        ++written;
+    }
+    if (written > 0) {
+        Put32(cue.data(), written);
+        chunks.push_back(ChunkMake("cue ", std::move(cue)));
+    }
+}
 
-    m_id3Path = tags.Id3TagFileGet();
+} // namespace
+
+bool LWavTagWriter::OtherChunkTagsPrepare(std::uint32_t rateHz) {
+    m_chunks.clear();
+    InfoChunkPrepare(m_tags, m_chunks);
+    DispChunkPrepare(m_tags, m_chunks);
+    BextChunkPrepare(m_tags, m_chunks);
+    CartChunkPrepare(m_tags, m_chunks);
+    CueChunkPrepare(m_tags, rateHz, m_chunks);
+
+    m_id3Path = m_tags.Id3TagFileGet();
     if (!m_id3Path.empty()) {
         LFileDescriptor id3;
         if (!id3.Open(m_id3Path.c_str(), O_RDONLY)) {
