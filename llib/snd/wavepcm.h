@@ -91,6 +91,8 @@ private:
     std::size_t m_bytesPerFrame;
     long long m_bufferFrames;
     std::vector<unsigned char> m_buffer;
+    long long m_heldFrame = 0;  // the frames in m_buffer: from here
+    long long m_heldFrames = 0; // and this many
     Converter m_convert;
 };
 

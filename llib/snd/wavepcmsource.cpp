@@ -9,10 +9,10 @@ namespace llib::detail {
 
 namespace {
 
-// Frames per positioned read: large enough that the system call is a small part of the cost,
-// small enough that the bytes are still in the cache when they are converted.
-constexpr long long kReadFrames = 8192;
-constexpr std::size_t kMaxReadBytes = 256 * 1024;
+// The source reads ahead in pieces of this size and converts from them: large enough that the
+// system calls cost little beside the copy, small enough to stay in the core's cache for the
+// conversion that follows.
+constexpr std::size_t kReadAheadBytes = 128 * 1024;
 // Positions are kept within this so that moving past the end by a read never overflows.
 constexpr long long kMaxPosition = 1LL << 62;
 
@@ -24,15 +24,15 @@ LSRCPCMFileBase::LSRCPCMFileBase(LFileDescriptor fd, int rateHz, unsigned char c
     : LSoundSourceBase(rateHz, channels), m_fd(std::move(fd)),
       m_bytesPerFrame(static_cast<std::size_t>(GetChannels()) *
                       static_cast<std::size_t>(std::max(bytesPerSample, 0))),
-      m_bufferFrames(kReadFrames), m_convert(convert) {
+      m_bufferFrames(1), m_convert(convert) {
     SetMaxMagnitude(level);
     if (m_bytesPerFrame == 0) {
         m_bytesPerFrame = 2;
         SetError(LSoundSourceErrorCode::kCorrupt);
         return;
     }
-    m_bufferFrames = std::clamp<long long>(static_cast<long long>(kMaxReadBytes / m_bytesPerFrame),
-                                           1, kReadFrames);
+    m_bufferFrames =
+        std::max<long long>(static_cast<long long>(kReadAheadBytes / m_bytesPerFrame), 1);
     m_buffer.resize(static_cast<std::size_t>(m_bufferFrames) * m_bytesPerFrame);
     m_regions = LScanWaveDataRegions(m_fd, dataStart, dataBytes);
     LWaveDataRegion const& last = m_regions.back();
@@ -95,9 +95,21 @@ void LSRCPCMFileBase::Read(float* buffer, long long frames) {
             m_position = std::min(m_position + frames, kMaxPosition);
             return;
         } else {
-            n = std::min({frames, m_endFrames - m_position, m_bufferFrames});
-            got = ReadFramesAt(m_position, n);
-            m_convert(buffer, m_buffer.data(), got * static_cast<long long>(channels));
+            if (m_position < m_heldFrame || m_position >= m_heldFrame + m_heldFrames) {
+                m_heldFrame = m_position;
+                m_heldFrames =
+                    ReadFramesAt(m_position, std::min(m_endFrames - m_position, m_bufferFrames));
+            }
+            long long const offset = m_position - m_heldFrame;
+            if (offset < m_heldFrames) {
+                n = got = std::min(frames, m_heldFrames - offset);
+                m_convert(buffer,
+                          m_buffer.data() + static_cast<std::size_t>(offset) * m_bytesPerFrame,
+                          got * static_cast<long long>(channels));
+            } else {
+                // The file ends before its header says: silence to the end it claims.
+                n = std::min(frames, m_endFrames - m_position);
+            }
         }
         std::size_t const done = static_cast<std::size_t>(got) * channels;
         std::memset(buffer + done, 0,

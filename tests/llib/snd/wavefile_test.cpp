@@ -187,6 +187,10 @@ TEST_P(WavRoundTrip, ReadsBackWhatTheSampleFormatKeeps) {
     EXPECT_EQ(file.size(), header + dataBytes + dataBytes % 2);
     EXPECT_EQ(GetU32(file, header - 4), dataBytes);
     EXPECT_EQ(GetU32(file, 4), header - 8 + dataBytes);
+    if (header == 58) {
+        EXPECT_EQ(file.substr(38, 4), "fact");
+        EXPECT_EQ(GetU32(file, 46), c.frames);
+    }
 
     LWaveFileInfo info;
     ASSERT_TRUE(LWaveFileInfoGet(path.c_str(), info));
