@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // tessel-cli: the headless front end to Tessel's engine and editor.
 
+#include "cli/cliprocess.h"
+#include "cli/cmdaudio.h"
 #include "cli/cmdinspect.h"
 #include "cli/version.h"
 
@@ -22,6 +24,17 @@ void PrintHelp(std::FILE* to) {
                "program, without windows.\n"
                "\n"
                "Commands:\n"
+               "  info FILE...   Show each audio file's format, sample rate, channels, bits,\n"
+               "                 duration, peak level and tags.\n"
+               "  convert IN OUT [--bits 8|16|24|32|f32|alaw|ulaw] [--rate HZ]\n"
+               "                 [--channels N] [--dither]\n"
+               "                 Convert IN into OUT, whose extension chooses the format\n"
+               "                 (.wav for now). OUT is replaced only once it is complete.\n"
+               "  tags FILE [--set KEY=VALUE]... [--remove KEY]...\n"
+               "                 Print a WAV file's tags, or change them in place.\n"
+               "  synth OUT [--seconds S] [--hz F] [--rate HZ] [--channels N] [--bits B]\n"
+               "                 Write a sine tone at -6 dBFS (default 5 s of 440 Hz,\n"
+               "                 44100 Hz stereo, 16-bit).\n"
                "  inspect FILE   Print the chunk tree of a structured data file (effect\n"
                "                 presets and chains, projects, cache item information,\n"
                "                 cut-list links): file type and version, then each chunk's\n"
@@ -31,7 +44,11 @@ void PrintHelp(std::FILE* to) {
                "  -h, --help     Show this help and exit.\n"
                "  -V, --version  Show the version and exit.\n"
                "\n"
-               "Exit status: 0 on success, 1 when a command fails, 2 on a usage error.\n",
+               "Long commands show a progress bar on a terminal; Ctrl+C stops them between\n"
+               "blocks and leaves no half-written output.\n"
+               "\n"
+               "Exit status: 0 on success, 1 when a command fails, 2 on a usage error,\n"
+               "130 when stopped by Ctrl+C.\n",
                to);
 }
 
@@ -84,6 +101,19 @@ int main(int argc, char** argv) {
     }
     if (std::strcmp(command, "inspect") == 0) {
         return RunInspect(argc - 2, argv + 2);
+    }
+    struct Command {
+        char const* name;
+        int (*run)(int, char**);
+    };
+    for (Command const c : {Command{"info", LCliRunInfo}, Command{"convert", LCliRunConvert},
+                            Command{"tags", LCliRunTags}, Command{"synth", LCliRunSynth}}) {
+        if (std::strcmp(command, c.name) == 0) {
+            LCliInstallInterruptHandler();
+            int const status = c.run(argc - 2, argv + 2);
+            int const flushed = FinishOutput();
+            return status != kExitOk ? status : flushed;
+        }
     }
     std::string const message = std::string("unknown command '") + command + "'";
     return UsageError(message.c_str());

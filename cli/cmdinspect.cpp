@@ -202,8 +202,8 @@ bool LInspectStructuredData(unsigned char const* data, std::uint64_t bytes, std:
             return false;
         }
     }
-    error = LStrFormat("%s (at byte %" PRIu64 ")", reader.GetErrorReason(),
-                       reader.GetErrorOffset());
+    error =
+        LStrFormat("%s (at byte %" PRIu64 ")", reader.GetErrorReason(), reader.GetErrorOffset());
     out.clear();
     return false;
 }

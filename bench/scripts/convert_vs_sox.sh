@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
+# tessel-cli convert against sox on the same 10-minute 16-bit stereo WAV, in one run: to 16-bit
+# and to 32-bit float. Each is timed as the best of three runs, after one run that brings the
+# input into the page cache. Prints the times and the ratio sox / tessel-cli (above 1: faster).
+#
+#   bench/scripts/convert_vs_sox.sh [path/to/tessel-cli]   (default: build/release/cli/tessel-cli)
+set -euo pipefail
+cli=${1:-build/release/cli/tessel-cli}
+command -v sox >/dev/null || { echo "sox is not installed" >&2; exit 1; }
+work=$(mktemp -d "${TMPDIR:-/tmp}/tessel-convert-bench.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+"$cli" synth "$work/in.wav" --seconds 600 --hz 997 --rate 44100 --channels 2 --bits 16
+cat "$work/in.wav" >/dev/null
+
+best() { # best wall time in seconds of three runs of "$@"
+    local best=""
+    for _ in 1 2 3; do
+        local start end t
+        start=$(date +%s.%N)
+        "$@" >/dev/null 2>&1
+        end=$(date +%s.%N)
+        t=$(awk -v a="$end" -v b="$start" 'BEGIN { printf "%.6f", a - b }')
+        if [ -z "$best" ] || awk -v t="$t" -v b="$best" 'BEGIN { exit !(t < b) }'; then
+            best=$t
+        fi
+    done
+    echo "$best"
+}
+
+report() { # label, ours, theirs
+    awk -v l="$1" -v o="$2" -v t="$3" \
+        'BEGIN { printf "%-24s tessel-cli %6.3f s   sox %6.3f s   ratio %.2f\n", l, o, t, t / o }'
+}
+
+ours=$(best "$cli" convert "$work/in.wav" "$work/ours16.wav" --bits 16)
+theirs=$(best sox "$work/in.wav" -b 16 "$work/sox16.wav")
+report "16-bit -> 16-bit" "$ours" "$theirs"
+ours=$(best "$cli" convert "$work/in.wav" "$work/oursf.wav" --bits f32)
+theirs=$(best sox "$work/in.wav" -e floating-point -b 32 "$work/soxf.wav")
+report "16-bit -> 32-bit float" "$ours" "$theirs"

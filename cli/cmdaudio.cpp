@@ -1,0 +1,382 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "cli/cmdaudio.h"
+
+#include "cli/cliprocess.h"
+#include "llib/gen/stringlong.h"
+#include "llib/snd/filetagdata.h"
+#include "llib/snd/gensource.h"
+#include "llib/snd/prsourcesink.h"
+#include "llib/snd/soundtime.h"
+#include "llib/snd/wavefile.h"
+#include "llib/snd/wavtags.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr long long kReadFrames = 65536;
+
+bool ParseInt(char const* text, long long low, long long high, long long& value) {
+    if (text == nullptr || *text == '\0') {
+        return false;
+    }
+    char* end = nullptr;
+    errno = 0;
+    long long const parsed = std::strtoll(text, &end, 10);
+    if (errno != 0 || *end != '\0' || parsed < low || parsed > high) {
+        return false;
+    }
+    value = parsed;
+    return true;
+}
+
+bool ParseDouble(char const* text, double low, double high, double& value) {
+    if (text == nullptr || *text == '\0') {
+        return false;
+    }
+    char* end = nullptr;
+    double const parsed = std::strtod(text, &end);
+    if (*end != '\0' || !(parsed >= low && parsed <= high)) {
+        return false;
+    }
+    value = parsed;
+    return true;
+}
+
+// "--bits" values: 8, 16, 24, 32, f32, alaw, ulaw.
+bool ParseBits(char const* text, LGenSinkFormat& format) {
+    std::string const value = text != nullptr ? text : "";
+    if (value == "f32") {
+        format.floatSamples = true;
+    } else if (value == "alaw") {
+        format.g711 = 6;
+    } else if (value == "ulaw") {
+        format.g711 = 7;
+    } else if (value == "8" || value == "16" || value == "24" || value == "32") {
+        format.bits = std::atoi(value.c_str());
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void PrintFailure(char const* what, std::string const& message) {
+    std::fprintf(stderr, "tessel-cli: %s%s%s\n", what, *what != '\0' ? ": " : "", message.c_str());
+}
+
+char const* WaveFormatName(std::uint16_t tag, int bits) {
+    switch (tag) {
+    case 1:
+        return bits <= 8 ? "unsigned integer PCM" : "integer PCM";
+    case 3:
+        return "IEEE float";
+    case 6:
+        return "G.711 A-law";
+    case 7:
+        return "G.711 mu-law";
+    default:
+        return "compressed";
+    }
+}
+
+// The peak magnitude of the whole source, read in blocks under `process`; false when stopped.
+bool ReadPeak(LSoundSource& source, LCliProcess& process, float& peak) {
+    long long const total = source->GetEndSample();
+    unsigned const channels = source->GetChannels();
+    std::vector<float> buffer(static_cast<std::size_t>(kReadFrames) * channels);
+    peak = 0.0f;
+    for (long long done = 0; done < total; done += kReadFrames) {
+        if (process.IsToStop()) {
+            return false;
+        }
+        long long const n = std::min(kReadFrames, total - done);
+        source->Read(buffer.data(), n);
+        for (long long i = 0; i < n * channels; ++i) {
+            peak = std::max(peak, std::fabs(buffer[static_cast<std::size_t>(i)]));
+        }
+        process.SetProgress(static_cast<double>(done + n) / static_cast<double>(total));
+    }
+    return true;
+}
+
+int InfoOne(char const* path) {
+    LCliProcess process("Reading");
+    LSoundSource source;
+    if (ProcessGenSourceOpenSource(source, path, process) != LProcessResult::kCompleted) {
+        process.EndProgress();
+        PrintFailure("", process.GetError());
+        return kCliExitFailed;
+    }
+    std::printf("%s\n", path);
+    LWaveFileInfo wave{};
+    bool const isWave = LGenFileExtension(path) == ".wav" && LWaveFileInfoGet(path, wave);
+    if (isWave) {
+        std::printf("  Format:      WAV, %s\n", WaveFormatName(wave.formatTag, wave.bits));
+        std::printf("  Bits:        %d\n", wave.bits);
+    } else {
+        std::printf("  Format:      read by the platform decoder\n");
+    }
+    std::printf("  Sample rate: %d Hz\n", source->GetSampleRate());
+    std::printf("  Channels:    %u\n", static_cast<unsigned>(source->GetChannels()));
+    char text[kLMaxText];
+    LSoundTime::FromFrames(source->GetEndSample(), source->GetSampleRate())._GetText(text);
+    std::printf("  Duration:    %s (%lld frames)\n", text, source->GetEndSample());
+    std::fflush(stdout);
+    float peak = 0.0f;
+    if (!ReadPeak(source, process, peak)) {
+        process.EndProgress();
+        std::fprintf(stderr, "tessel-cli: stopped\n");
+        return kCliExitStopped;
+    }
+    process.EndProgress();
+    if (peak > 0.0f) {
+        std::printf("  Peak level:  %.2f dBFS\n", 20.0 * std::log10(static_cast<double>(peak)));
+    } else {
+        std::printf("  Peak level:  -inf dBFS (silence)\n");
+    }
+    LFileTagData tags;
+    if (isWave && LWavTagsRead(path, tags) && tags.GetCount() > 0) {
+        std::printf("  Tags:\n");
+        for (std::size_t i = 0; i < tags.GetCount(); ++i) {
+            std::printf("    %s=%s\n", tags.GetKeyAt(i), tags.GetValueAt(i));
+        }
+    }
+    return kCliExitOk;
+}
+
+// Writes `source` to `out` through a temporary file (see ProcessGenSaveSource) under a progress
+// bar, and reports how it ended.
+int WriteThroughTemporary(LSoundSource& source, std::string const& out, int rate,
+                          unsigned char channels, LGenSinkFormat const& format,
+                          LFileTagData const* tags, char const* label) {
+    LCliProcess process(label);
+    LProcessResult const result =
+        ProcessGenSaveSource(process, source, out.c_str(), rate, channels, &format, tags);
+    process.EndProgress();
+    if (result == LProcessResult::kStopped) {
+        std::fprintf(stderr, "tessel-cli: stopped; %s was not written\n", out.c_str());
+        return kCliExitStopped;
+    }
+    if (result == LProcessResult::kFailed) {
+        std::string const error = process.GetError();
+        PrintFailure("", error.empty() ? "the file could not be written" : error);
+        return kCliExitFailed;
+    }
+    return kCliExitOk;
+}
+
+// A sine at -6 dBFS on every channel.
+class ToneSource final : public LSoundSourceBase {
+public:
+    ToneSource(int rate, unsigned char channels, long long frames, double hz)
+        : LSoundSourceBase(rate, channels), m_frames(frames),
+          m_step(2.0 * 3.14159265358979323846 * hz / rate) {}
+    void Read(float* buffer, long long frames) override {
+        unsigned const channels = GetChannels();
+        for (long long f = 0; f < frames; ++f, ++m_position) {
+            float const v = m_position >= 0 && m_position < m_frames
+                                ? static_cast<float>(0.5 * std::sin(m_step * m_position))
+                                : 0.0f;
+            for (unsigned c = 0; c < channels; ++c) {
+                buffer[f * channels + c] = v;
+            }
+        }
+    }
+    [[nodiscard]] long long GetPositionSample() const override { return m_position; }
+    [[nodiscard]] long long GetEndSample() const override { return m_frames; }
+    void Seek(long long frame) override { m_position = frame; }
+
+private:
+    long long m_frames;
+    double m_step;
+    long long m_position = 0;
+};
+
+} // namespace
+
+int LCliUsageError(char const* message) {
+    std::fprintf(stderr, "tessel-cli: %s\nTry 'tessel-cli --help' for more information.\n",
+                 message);
+    return kCliExitUsage;
+}
+
+int LCliRunInfo(int argc, char** argv) {
+    if (argc < 1) {
+        return LCliUsageError("info needs at least one FILE");
+    }
+    int status = kCliExitOk;
+    for (int i = 0; i < argc; ++i) {
+        int const one = InfoOne(argv[i]);
+        if (one == kCliExitStopped) {
+            return one;
+        }
+        if (one != kCliExitOk) {
+            status = one;
+        }
+    }
+    return status;
+}
+
+int LCliRunConvert(int argc, char** argv) {
+    std::vector<char const*> files;
+    LGenSinkFormat format;
+    long long rate = 0;
+    long long channels = 0;
+    for (int i = 0; i < argc; ++i) {
+        std::string const arg = argv[i];
+        bool const hasValue = i + 1 < argc;
+        if (arg == "--bits") {
+            if (!hasValue || !ParseBits(argv[++i], format)) {
+                return LCliUsageError("--bits takes 8, 16, 24, 32, f32, alaw or ulaw");
+            }
+        } else if (arg == "--rate") {
+            if (!hasValue || !ParseInt(argv[++i], 1, 196000, rate)) {
+                return LCliUsageError("--rate takes a sample rate from 1 to 196000 Hz");
+            }
+        } else if (arg == "--channels") {
+            if (!hasValue || !ParseInt(argv[++i], 1, 255, channels)) {
+                return LCliUsageError("--channels takes a count from 1 to 255");
+            }
+        } else if (arg == "--dither") {
+            format.dither = true;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return LCliUsageError(("unknown option '" + arg + "'").c_str());
+        } else {
+            files.push_back(argv[i]);
+        }
+    }
+    if (files.size() != 2) {
+        return LCliUsageError("convert needs IN and OUT");
+    }
+    LCliProcess opening("Opening");
+    LSoundSource source;
+    if (ProcessGenSourceOpenSource(source, files[0], opening) != LProcessResult::kCompleted) {
+        opening.EndProgress();
+        PrintFailure("", opening.GetError());
+        return LCliInterrupted() ? kCliExitStopped : kCliExitFailed;
+    }
+    opening.EndProgress();
+    LFileTagData tags;
+    bool const haveTags = LGenFileExtension(files[0]) == ".wav" && LWavTagsRead(files[0], tags);
+    int const outRate = rate > 0 ? static_cast<int>(rate) : source->GetSampleRate();
+    auto const outChannels =
+        static_cast<unsigned char>(channels > 0 ? channels : source->GetChannels());
+    return WriteThroughTemporary(source, files[1], outRate, outChannels, format,
+                                 haveTags ? &tags : nullptr, "Converting");
+}
+
+int LCliRunTags(int argc, char** argv) {
+    if (argc < 1) {
+        return LCliUsageError("tags needs a FILE");
+    }
+    char const* const path = argv[0];
+    std::vector<std::pair<std::string, std::string>> sets;
+    std::vector<std::string> removes;
+    for (int i = 1; i < argc; ++i) {
+        std::string const arg = argv[i];
+        if ((arg == "--set" || arg == "--remove") && i + 1 < argc) {
+            std::string value = argv[++i];
+            std::string key = value;
+            std::string text;
+            if (arg == "--set") {
+                std::size_t const equals = value.find('=');
+                if (equals == std::string::npos || equals == 0) {
+                    return LCliUsageError("--set takes KEY=VALUE");
+                }
+                key = value.substr(0, equals);
+                text = value.substr(equals + 1);
+            }
+            std::transform(key.begin(), key.end(), key.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+            if (!LWavTagWriter::TagFieldIsValid(key.c_str())) {
+                return LCliUsageError(("'" + key + "' is not a tag a WAV file can hold").c_str());
+            }
+            if (arg == "--set") {
+                sets.emplace_back(key, text);
+            } else {
+                removes.push_back(key);
+            }
+        } else {
+            return LCliUsageError(("unexpected argument '" + arg + "'").c_str());
+        }
+    }
+    if (LGenFileExtension(path) != ".wav") {
+        PrintFailure(path, "tags can be read and written in WAV files only, for now");
+        return kCliExitFailed;
+    }
+    LFileTagData tags;
+    if (!LWavTagsRead(path, tags)) {
+        PrintFailure(path, "not a readable WAV file");
+        return kCliExitFailed;
+    }
+    if (sets.empty() && removes.empty()) {
+        for (std::size_t i = 0; i < tags.GetCount(); ++i) {
+            std::printf("%s=%s\n", tags.GetKeyAt(i), tags.GetValueAt(i));
+        }
+        return kCliExitOk;
+    }
+    for (std::string const& key : removes) {
+        tags.Remove(key.c_str());
+    }
+    for (auto const& [key, value] : sets) {
+        tags.Set(key.c_str(), value.c_str());
+    }
+    if (!LWavTagsWrite(path, tags)) {
+        PrintFailure(path, "the tags could not be written");
+        return kCliExitFailed;
+    }
+    return kCliExitOk;
+}
+
+int LCliRunSynth(int argc, char** argv) {
+    std::vector<char const*> files;
+    LGenSinkFormat format;
+    double seconds = 5.0;
+    double hz = 440.0;
+    long long rate = 44100;
+    long long channels = 2;
+    for (int i = 0; i < argc; ++i) {
+        std::string const arg = argv[i];
+        bool const hasValue = i + 1 < argc;
+        if (arg == "--seconds") {
+            if (!hasValue || !ParseDouble(argv[++i], 0.0, 24.0 * 3600.0, seconds)) {
+                return LCliUsageError("--seconds takes a length from 0 to 86400");
+            }
+        } else if (arg == "--hz") {
+            if (!hasValue || !ParseDouble(argv[++i], 0.0, 98000.0, hz)) {
+                return LCliUsageError("--hz takes a frequency from 0 to 98000");
+            }
+        } else if (arg == "--rate") {
+            if (!hasValue || !ParseInt(argv[++i], 1, 196000, rate)) {
+                return LCliUsageError("--rate takes a sample rate from 1 to 196000 Hz");
+            }
+        } else if (arg == "--channels") {
+            if (!hasValue || !ParseInt(argv[++i], 1, 255, channels)) {
+                return LCliUsageError("--channels takes a count from 1 to 255");
+            }
+        } else if (arg == "--bits") {
+            if (!hasValue || !ParseBits(argv[++i], format)) {
+                return LCliUsageError("--bits takes 8, 16, 24, 32, f32, alaw or ulaw");
+            }
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return LCliUsageError(("unknown option '" + arg + "'").c_str());
+        } else {
+            files.push_back(argv[i]);
+        }
+    }
+    if (files.size() != 1) {
+        return LCliUsageError("synth needs OUT");
+    }
+    auto const frames = static_cast<long long>(seconds * static_cast<double>(rate) + 0.5);
+    LSoundSource tone = LMakeSource<ToneSource>(static_cast<int>(rate),
+                                                static_cast<unsigned char>(channels), frames, hz);
+    return WriteThroughTemporary(tone, files[0], static_cast<int>(rate),
+                                 static_cast<unsigned char>(channels), format, nullptr, "Writing");
+}

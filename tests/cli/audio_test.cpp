@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// tessel-cli's audio commands, run as the program a user runs.
+#include "tests/support/oracle.h"
+#include "tests/support/tempdir.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+class CliAudioTest : public LTempDirTest {
+protected:
+    // Runs tessel-cli with `args`; its standard output and error together in `output`.
+    int Cli(std::vector<std::string> args, std::string* output = nullptr) {
+        args.insert(args.begin(), TESSEL_CLI_PATH);
+        if (output != nullptr) {
+            output->clear();
+        }
+        return RunTool(args, output);
+    }
+
+    // The names in the test folder, to find leftovers (the folders that stand in for the
+    // user's own are not counted).
+    std::vector<std::string> Names() {
+        std::vector<std::string> names;
+        DIR* dir = opendir(Dir().c_str());
+        while (dirent const* entry = dir != nullptr ? readdir(dir) : nullptr) {
+            std::string const name = entry->d_name;
+            if (name != "." && name != ".." && name != "CACHE" && name != "CONFIG" &&
+                name != "DATA" && name != "STATE") {
+                names.push_back(name);
+            }
+        }
+        if (dir != nullptr) {
+            closedir(dir);
+        }
+        return names;
+    }
+};
+
+bool Contains(std::string const& text, std::string const& part) {
+    return text.find(part) != std::string::npos;
+}
+
+TEST_F(CliAudioTest, SynthesisedToneShowsItsFormatAndLevel) {
+    std::string const tone = PathOf("tone.wav");
+    ASSERT_EQ(Cli({"synth", tone, "--seconds", "1.5", "--rate", "22050", "--channels", "1"}), 0);
+    std::string out;
+    ASSERT_EQ(Cli({"info", tone}, &out), 0) << out;
+    EXPECT_TRUE(Contains(out, "Format:      WAV, integer PCM")) << out;
+    EXPECT_TRUE(Contains(out, "Bits:        16")) << out;
+    EXPECT_TRUE(Contains(out, "Sample rate: 22050 Hz")) << out;
+    EXPECT_TRUE(Contains(out, "Channels:    1")) << out;
+    EXPECT_TRUE(Contains(out, "Duration:    0:00:01.500 (33075 frames)")) << out;
+    EXPECT_TRUE(Contains(out, "Peak level:  -6.02 dBFS")) << out;
+    // Nothing else in the folder: the temporary name is gone.
+    EXPECT_EQ(Names(), std::vector<std::string>{"tone.wav"});
+}
+
+TEST_F(CliAudioTest, ConvertWritesEveryFormatThatSoxReads) {
+    TESSEL_REQUIRE_TOOL("sox");
+    std::string const tone = PathOf("tone.wav");
+    ASSERT_EQ(Cli({"synth", tone, "--seconds", "0.5"}), 0);
+    struct Case {
+        char const* bits;
+        char const* format; // in our info
+        char const* soxBits;
+    };
+    for (Case const c : {Case{"8", "unsigned integer PCM", "8"}, Case{"16", "integer PCM", "16"},
+                         Case{"24", "integer PCM", "24"}, Case{"32", "integer PCM", "32"},
+                         Case{"f32", "IEEE float", "32"}, Case{"alaw", "G.711 A-law", "8"},
+                         Case{"ulaw", "G.711 mu-law", "8"}}) {
+        std::string const out = PathOf((std::string("out-") + c.bits + ".wav").c_str());
+        std::string text;
+        ASSERT_EQ(
+            Cli({"convert", tone, out, "--bits", c.bits, "--rate", "48000", "--channels", "1"},
+                &text),
+            0)
+            << c.bits << ": " << text;
+        ASSERT_EQ(Cli({"info", out}, &text), 0) << text;
+        EXPECT_TRUE(Contains(text, std::string("WAV, ") + c.format)) << c.bits << ": " << text;
+        EXPECT_TRUE(Contains(text, "Sample rate: 48000 Hz")) << text;
+        EXPECT_TRUE(Contains(text, "Channels:    1")) << text;
+        std::string sox;
+        ASSERT_EQ(RunTool({"sox", "--i", "-b", out}, &sox), 0) << c.bits << ": " << sox;
+        EXPECT_EQ(std::stoi(sox), std::stoi(c.soxBits)) << c.bits;
+        sox.clear();
+        ASSERT_EQ(RunTool({"sox", "--i", "-s", out}, &sox), 0);
+        EXPECT_EQ(std::stol(sox), 24000) << c.bits << ": half a second at 48 kHz";
+    }
+}
+
+TEST_F(CliAudioTest, TagsAreSetRemovedAndKeptByConvert) {
+    std::string const tone = PathOf("tone.wav");
+    ASSERT_EQ(Cli({"synth", tone, "--seconds", "0.2"}), 0);
+    ASSERT_EQ(Cli({"tags", tone, "--set", "title=First take", "--set", "ARTIST=Someone"}), 0);
+    std::string out;
+    ASSERT_EQ(Cli({"tags", tone}, &out), 0);
+    EXPECT_TRUE(Contains(out, "TITLE=First take")) << out;
+    EXPECT_TRUE(Contains(out, "ARTIST=Someone")) << out;
+    ASSERT_EQ(Cli({"tags", tone, "--remove", "ARTIST"}), 0);
+    ASSERT_EQ(Cli({"convert", tone, PathOf("copy.wav"), "--bits", "24"}), 0);
+    ASSERT_EQ(Cli({"info", PathOf("copy.wav")}, &out), 0);
+    EXPECT_TRUE(Contains(out, "TITLE=First take")) << out;
+    EXPECT_FALSE(Contains(out, "ARTIST")) << out;
+    EXPECT_EQ(Cli({"tags", tone, "--set", "NOSUCHKEY=x"}, &out), 2);
+    EXPECT_TRUE(Contains(out, "'NOSUCHKEY' is not a tag a WAV file can hold")) << out;
+}
+
+TEST_F(CliAudioTest, FailuresSayWhyInTheSystemsWords) {
+    std::string out;
+    std::string const missing = PathOf("missing.wav");
+    EXPECT_EQ(Cli({"info", missing}, &out), 1);
+    EXPECT_TRUE(Contains(out, "Cannot open the file \"" + missing +
+                                  "\". Check it exists and you have read access."))
+        << out;
+    std::string const broken = PathOf("broken.wav");
+    ASSERT_TRUE(WriteFileBytes(broken, "RIFF\x24\0\0\0WAVEfmt \x10\0\0\0\x01\0", 22));
+    EXPECT_EQ(Cli({"info", broken}, &out), 1);
+    EXPECT_TRUE(Contains(out, "Cannot open the file \"" + broken + "\" because it is corrupt."))
+        << out;
+    EXPECT_EQ(Cli({"convert", missing}, &out), 2);
+    EXPECT_EQ(Cli({"convert", missing, PathOf("x.wav"), "--bits", "12"}, &out), 2);
+    EXPECT_TRUE(Contains(out, "--bits takes")) << out;
+    std::string const tone = PathOf("tone.wav");
+    ASSERT_EQ(Cli({"synth", tone, "--seconds", "0.1"}), 0);
+    EXPECT_EQ(Cli({"convert", tone, PathOf("x.xyz")}, &out), 1);
+    EXPECT_TRUE(Contains(out, "Tessel cannot write files of this type (\".xyz\").")) << out;
+}
+
+// Ctrl+C in the middle of a long convert: the program stops between blocks, says so, exits 130,
+// and the file that was at the output's name is untouched, with no temporary file left behind.
+TEST_F(CliAudioTest, InterruptedConvertLeavesTheOldOutputAlone) {
+    std::string const tone = PathOf("long.wav");
+    ASSERT_EQ(Cli({"synth", tone, "--seconds", "1800", "--rate", "8000", "--channels", "1"}), 0);
+    std::string const out = PathOf("out.wav");
+    ASSERT_TRUE(WriteFileBytes(out, "old contents", 12));
+
+    std::vector<std::string> args = {TESSEL_CLI_PATH, "convert",    tone, out,      "--rate",
+                                     "96000",         "--channels", "2",  "--bits", "f32"};
+    std::vector<char*> argv;
+    for (std::string& a : args) {
+        argv.push_back(a.data());
+    }
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_EQ(kill(pid, SIGINT), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status)) << "the program must stop by itself, not die of the signal";
+    EXPECT_EQ(WEXITSTATUS(status), 130);
+    EXPECT_EQ(ReadFileBytes(out), "old contents");
+    std::vector<std::string> names = Names();
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"long.wav", "out.wav"}));
+}
+
+} // namespace
