@@ -16,8 +16,12 @@ constexpr double kScale8 = 127.0;
 constexpr float kScale16 = 32767.0f;
 constexpr double kScale32 = 2147483647.0;
 
+// The exact roundings work in double precision; the AVX-512 build does eight of them per
+// instruction where AVX2 does four, which makes writing 16- and 24-bit samples half as fast
+// again on machines that have it.
 #if defined(__x86_64__) && !defined(TESSEL_NO_CLONES)
-#define TESSEL_FORMAT_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
+#define TESSEL_FORMAT_CLONES                                                                       \
+    __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
 #else
 #define TESSEL_FORMAT_CLONES
 #endif
