@@ -67,6 +67,34 @@ bool ParseBits(char const* text, LGenSinkFormat& format) {
     return true;
 }
 
+// The options convert and synth share: --bits, --rate and --channels. Returns 1 when argv[i]
+// was one of them (i then stands on its value), 0 when it was not, and -1 after a usage error
+// has been printed into `status`.
+int ParseFormatOption(int argc, char** argv, int& i, LGenSinkFormat& format, long long& rate,
+                      long long& channels, int& status) {
+    std::string const arg = argv[i];
+    bool const hasValue = i + 1 < argc;
+    if (arg == "--bits") {
+        if (!hasValue || !ParseBits(argv[++i], format)) {
+            status = LCliUsageError("--bits takes 8, 16, 24, 32, f32, alaw or ulaw");
+            return -1;
+        }
+    } else if (arg == "--rate") {
+        if (!hasValue || !ParseInt(argv[++i], 1, 196000, rate)) {
+            status = LCliUsageError("--rate takes a sample rate from 1 to 196000 Hz");
+            return -1;
+        }
+    } else if (arg == "--channels") {
+        if (!hasValue || !ParseInt(argv[++i], 1, 255, channels)) {
+            status = LCliUsageError("--channels takes a count from 1 to 255");
+            return -1;
+        }
+    } else {
+        return 0;
+    }
+    return 1;
+}
+
 void PrintFailure(char const* what, std::string const& message) {
     std::fprintf(stderr, "tessel-cli: %s%s%s\n", what, *what != '\0' ? ": " : "", message.c_str());
 }
@@ -231,20 +259,15 @@ int LCliRunConvert(int argc, char** argv) {
     long long channels = 0;
     for (int i = 0; i < argc; ++i) {
         std::string const arg = argv[i];
-        bool const hasValue = i + 1 < argc;
-        if (arg == "--bits") {
-            if (!hasValue || !ParseBits(argv[++i], format)) {
-                return LCliUsageError("--bits takes 8, 16, 24, 32, f32, alaw or ulaw");
-            }
-        } else if (arg == "--rate") {
-            if (!hasValue || !ParseInt(argv[++i], 1, 196000, rate)) {
-                return LCliUsageError("--rate takes a sample rate from 1 to 196000 Hz");
-            }
-        } else if (arg == "--channels") {
-            if (!hasValue || !ParseInt(argv[++i], 1, 255, channels)) {
-                return LCliUsageError("--channels takes a count from 1 to 255");
-            }
-        } else if (arg == "--dither") {
+        int status = kCliExitOk;
+        int const shared = ParseFormatOption(argc, argv, i, format, rate, channels, status);
+        if (shared < 0) {
+            return status;
+        }
+        if (shared > 0) {
+            continue;
+        }
+        if (arg == "--dither") {
             format.dither = true;
         } else if (arg.size() > 1 && arg[0] == '-') {
             return LCliUsageError(("unknown option '" + arg + "'").c_str());
@@ -353,17 +376,10 @@ int LCliRunSynth(int argc, char** argv) {
             if (!hasValue || !ParseDouble(argv[++i], 0.0, 98000.0, hz)) {
                 return LCliUsageError("--hz takes a frequency from 0 to 98000");
             }
-        } else if (arg == "--rate") {
-            if (!hasValue || !ParseInt(argv[++i], 1, 196000, rate)) {
-                return LCliUsageError("--rate takes a sample rate from 1 to 196000 Hz");
-            }
-        } else if (arg == "--channels") {
-            if (!hasValue || !ParseInt(argv[++i], 1, 255, channels)) {
-                return LCliUsageError("--channels takes a count from 1 to 255");
-            }
-        } else if (arg == "--bits") {
-            if (!hasValue || !ParseBits(argv[++i], format)) {
-                return LCliUsageError("--bits takes 8, 16, 24, 32, f32, alaw or ulaw");
+        } else if (int status = kCliExitOk;
+                   ParseFormatOption(argc, argv, i, format, rate, channels, status) != 0) {
+            if (status != kCliExitOk) {
+                return status;
             }
         } else if (arg.size() > 1 && arg[0] == '-') {
             return LCliUsageError(("unknown option '" + arg + "'").c_str());

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "tests/support/tempdir.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -24,6 +25,20 @@ void LTempDirTest::TearDown() {
     for (char const* name : {"CONFIG", "CACHE", "DATA", "STATE"}) {
         ::unsetenv((std::string("TESSEL_") + name + "_DIR").c_str());
     }
+}
+
+std::vector<std::string> LTempDirTest::ListNames(std::string const& folder) const {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (auto const& entry :
+         std::filesystem::directory_iterator(folder.empty() ? m_dir : folder, ec)) {
+        std::string name = entry.path().filename().string();
+        if (name != "CONFIG" && name != "CACHE" && name != "DATA" && name != "STATE") {
+            names.push_back(std::move(name));
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 bool WriteFileBytes(std::string const& path, void const* data, std::size_t bytes) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 class LTempDirTest : public ::testing::Test {
 protected:
@@ -15,6 +16,9 @@ protected:
 
     [[nodiscard]] std::string const& Dir() const { return m_dir; }
     [[nodiscard]] std::string PathOf(char const* name) const { return m_dir + "/" + name; }
+    // The names in `folder` (the test folder when empty), sorted, leaving out the folders that
+    // stand in for the user's own: what a test made there, to find leftovers.
+    [[nodiscard]] std::vector<std::string> ListNames(std::string const& folder = {}) const;
 
 private:
     std::string m_dir;

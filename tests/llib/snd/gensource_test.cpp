@@ -34,23 +34,6 @@ protected:
             ProcessGenSaveSource(process, source, path.c_str(), 44100, channels, &format, nullptr),
             LProcessResult::kCompleted);
     }
-
-    [[nodiscard]] std::vector<std::string> Names(std::string const& folder) const {
-        std::vector<std::string> names;
-        DIR* dir = opendir(folder.c_str());
-        while (dirent const* entry = dir != nullptr ? readdir(dir) : nullptr) {
-            std::string const name = entry->d_name;
-            if (name != "." && name != ".." && name != "CACHE" && name != "CONFIG" &&
-                name != "DATA" && name != "STATE") {
-                names.push_back(name);
-            }
-        }
-        if (dir != nullptr) {
-            closedir(dir);
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
 };
 
 // Values that 16-bit samples hold exactly (full scale is 32767 both ways).
@@ -80,11 +63,11 @@ TEST_F(GenSourceTest, ReopeningAnUnchangedFileUsesItsCacheItemAgain) {
         EXPECT_EQ(ReadAll(read), first);
     }
     // Released: the files stay because the original is unchanged, and opening finds them.
-    std::vector<std::string> const cached = Names(PathOf("cache"));
+    std::vector<std::string> const cached = ListNames(PathOf("cache"));
     LCutListAudio again;
     ASSERT_EQ(ProcessGenOpenCutList(process, path.c_str(), again), LProcessResult::kCompleted);
     EXPECT_EQ(again.GetHead()->GetItem(), item);
-    EXPECT_EQ(Names(PathOf("cache")), cached) << "nothing new was decoded";
+    EXPECT_EQ(ListNames(PathOf("cache")), cached) << "nothing new was decoded";
 
     // A changed file is decoded afresh.
     std::vector<float> const second = Steps(3000, -50);
@@ -169,7 +152,7 @@ TEST_F(GenSourceTest, AStoppedOrFailedSaveLeavesTheOldFileAlone) {
                                    nullptr),
               LProcessResult::kFailed);
     EXPECT_EQ(ReadFileBytes(path), "old");
-    EXPECT_EQ(Names(Dir()), (std::vector<std::string>{"cache", "keep.wav"}));
+    EXPECT_EQ(ListNames(), (std::vector<std::string>{"cache", "keep.wav"}));
 }
 
 } // namespace
