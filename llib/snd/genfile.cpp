@@ -67,13 +67,14 @@ LProcessResult ProcessGenSaveSource(LProcessInterface& process, LSoundSource& so
         } else {
             LPRSourceToSink copy("", source, sink, false);
             result = Process(process, copy);
-            if (result == LProcessResult::kCompleted && sink->IsFailed()) {
+            // The final header is written here, not when the sink goes, so its failure counts.
+            if (result == LProcessResult::kCompleted && !sink->Finish()) {
                 process.SetErrorF("Cannot write the file \"%s\" (%s).", target.c_str(),
                                   std::strerror(errno));
                 result = LProcessResult::kFailed;
             }
         }
-    } // the sink is released here, and its header made final
+    }
     if (result == LProcessResult::kCompleted && wave && tags != nullptr && tags->GetCount() > 0 &&
         !LWavTagsWrite(temporary.c_str(), *tags)) {
         process.SetErrorF("Cannot write the tags of \"%s\".", target.c_str());

@@ -117,6 +117,7 @@ public:
     LSNKPCMFileBase(char const* path, int rateHz, unsigned char channels, int bytesPerSample,
                     std::uint16_t formatTag);
     ~LSNKPCMFileBase() override;
+    [[nodiscard]] bool Finish() override;
 
 protected:
     // Appends audio bytes, opening a further "data" chunk where the current one is full.
@@ -181,6 +182,7 @@ public:
     LSNKG711WaveFile(char const* path, int rateHz, unsigned char channels);
     ~LSNKG711WaveFile() override;
     void Write(float const* buffer, long long frames) override;
+    [[nodiscard]] bool Finish() override;
 
 private:
     [[nodiscard]] bool WriteHeader();

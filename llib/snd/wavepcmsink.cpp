@@ -121,6 +121,11 @@ void LSNKPCMFileBase::WriteData(unsigned char const* data, std::uint64_t bytes) 
     }
 }
 
+bool LSNKPCMFileBase::Finish() {
+    Finalise();
+    return !IsFailed();
+}
+
 void LSNKPCMFileBase::Finalise() {
     if (!m_fd.IsOpen()) {
         return;
@@ -235,16 +240,23 @@ LSNKG711WaveFile<T>::LSNKG711WaveFile(char const* path, int rateHz, unsigned cha
 
 template <class T>
 LSNKG711WaveFile<T>::~LSNKG711WaveFile() {
+    (void)Finish();
+}
+
+template <class T>
+bool LSNKG711WaveFile<T>::Finish() {
     if (!m_fd.IsOpen()) {
-        return;
+        return !IsFailed();
     }
     bool ok = WriteHeader();
     if ((m_dataBytes & 1) != 0) {
         unsigned char const pad = 0;
         ok = ok && m_fd.PWriteAll(&pad, 1, kG711HeaderBytes + m_dataBytes);
     }
-    (void)m_fd.Close();
-    (void)ok;
+    if (!m_fd.Close() || !ok) {
+        SetFailed();
+    }
+    return !IsFailed();
 }
 
 template <class T>

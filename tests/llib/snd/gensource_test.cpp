@@ -9,9 +9,11 @@
 #include "tests/support/testsources.h"
 
 #include <dirent.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -153,6 +155,31 @@ TEST_F(GenSourceTest, AStoppedOrFailedSaveLeavesTheOldFileAlone) {
               LProcessResult::kFailed);
     EXPECT_EQ(ReadFileBytes(path), "old");
     EXPECT_EQ(ListNames(), (std::vector<std::string>{"cache", "keep.wav"}));
+}
+
+// The last byte of a file, its pad byte, is written when the sink finishes: a save that cannot
+// write it must fail and leave the old file, not rename a damaged one over it. (The file size
+// limit lets every audio byte through and stops exactly there.)
+TEST_F(GenSourceTest, ASaveWhoseFinalWriteFailsKeepsTheOldFile) {
+    std::string const path = PathOf("odd.wav");
+    ASSERT_TRUE(WriteFileBytes(path, "old", 3));
+    LSoundSource source = MakeBufferSource(8000, 1, {0.25f, -0.25f, 0.5f});
+    LGenSinkFormat format;
+    format.bits = 8;
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+    void (*oldHandler)(int) = signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = old;
+    limit.rlim_cur = 46 + 3; // the header and three 8-bit frames, not the pad byte
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    LTestProcess process;
+    LProcessResult const result =
+        ProcessGenSaveSource(process, source, path.c_str(), 8000, 1, &format, nullptr);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &old), 0);
+    signal(SIGXFSZ, oldHandler);
+    EXPECT_EQ(result, LProcessResult::kFailed);
+    EXPECT_EQ(ReadFileBytes(path), "old");
+    EXPECT_EQ(ListNames(), (std::vector<std::string>{"cache", "odd.wav"}));
 }
 
 } // namespace

@@ -184,7 +184,7 @@ public:
     void Write(float const* buffer, long long frames) override;
     // Writes the last partial peak group, closes the files and writes ".audinfo"; false when any
     // of it failed. Later calls do nothing and repeat the result.
-    [[nodiscard]] bool Finish();
+    [[nodiscard]] bool Finish() override;
     [[nodiscard]] unsigned short GetItem() const { return m_item; }
     // The system's error number of the first failure, 0 if none.
     [[nodiscard]] int GetSystemError() const { return m_systemError; }

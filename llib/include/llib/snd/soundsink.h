@@ -31,6 +31,10 @@ public:
     virtual void Write(float const* buffer, long long frames) = 0;
     // Positions a sink that supports random access; others ignore it.
     virtual void Seek(long long frame);
+    // Completes what the sink writes (a file's final header, an item's information) and says
+    // whether all of it reached its place. Releasing the sink does the same without a caller to
+    // tell, so a save that must know asks here first. Later calls repeat the answer.
+    [[nodiscard]] virtual bool Finish() { return !IsFailed(); }
 
     [[nodiscard]] long long GetFramesWritten() const { return m_framesWritten; }
     [[nodiscard]] int GetSampleRate() const { return m_sampleRate; }
