@@ -10,6 +10,7 @@
 #include "llib/snd/soundsource.h"
 #include "llib/snd/wavefile.h"
 #include "llib/unix/fd.h"
+#include "llib/unix/writebehind.h"
 
 #include <cstdint>
 #include <utility>
@@ -129,6 +130,7 @@ private:
     void Finalise();
 
     LFileDescriptor m_fd;
+    LWriteBehind m_writer; // the audio, written while the next block is converted
     std::uint16_t m_formatTag;
     int m_bytesPerSample;
     std::uint64_t m_dataBytes = 0;  // audio bytes written, over all chunks

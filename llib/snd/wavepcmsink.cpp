@@ -69,7 +69,9 @@ LSNKPCMFileBase::LSNKPCMFileBase(char const* path, int rateHz, unsigned char cha
         !WriteHeader(kWaveProvisionalDataBytes) || !m_fd.Truncate(kPcmHeaderBytes) ||
         !m_fd.SeekTo(kPcmHeaderBytes)) {
         SetFailed();
+        return;
     }
+    m_writer.Start(m_fd);
 }
 
 LSNKPCMFileBase::~LSNKPCMFileBase() {
@@ -101,7 +103,7 @@ void LSNKPCMFileBase::WriteData(unsigned char const* data, std::uint64_t bytes) 
         if (m_chunkBytes == limit) {
             // The size is patched on close; until then 0 tells a reader it was not finalised.
             unsigned char header[8] = {'d', 'a', 't', 'a', 0, 0, 0, 0};
-            if (!m_fd.WriteAll(header, sizeof header)) {
+            if (!m_writer.Write(header, sizeof header)) {
                 SetFailed();
                 return;
             }
@@ -110,7 +112,7 @@ void LSNKPCMFileBase::WriteData(unsigned char const* data, std::uint64_t bytes) 
             continue;
         }
         std::uint64_t const n = std::min(bytes, limit - m_chunkBytes);
-        if (!m_fd.WriteAll(data, n)) {
+        if (!m_writer.Write(data, static_cast<std::size_t>(n))) {
             SetFailed();
             return;
         }
@@ -129,6 +131,10 @@ bool LSNKPCMFileBase::Finish() {
 void LSNKPCMFileBase::Finalise() {
     if (!m_fd.IsOpen()) {
         return;
+    }
+    // The audio still on its way goes first; the header is patched behind it.
+    if (!m_writer.Finish()) {
+        SetFailed();
     }
     // Even after a failed write the header is made to describe what did reach the file. A write
     // cut short part-way leaves bytes we did not count; they fall outside the data chunk.
