@@ -10,6 +10,7 @@
 #include "llib/snd/soundsource.h"
 #include "llib/snd/wavefile.h"
 #include "llib/unix/fd.h"
+#include "llib/unix/filelock.h"
 #include "llib/unix/writebehind.h"
 
 #include <cstdint>
@@ -130,6 +131,7 @@ private:
     void Finalise();
 
     LFileDescriptor m_fd;
+    LFileLock m_lock;
     LWriteBehind m_writer; // the audio, written while the next block is converted
     std::uint16_t m_formatTag;
     int m_bytesPerSample;
@@ -190,6 +192,7 @@ private:
     [[nodiscard]] bool WriteHeader();
 
     LFileDescriptor m_fd;
+    LFileLock m_lock;
     std::vector<T> m_buffer;
     std::uint64_t m_dataBytes = 0;
 };

@@ -54,8 +54,11 @@ void PutRiffFmt(unsigned char*& p, std::uint32_t riffBytes, std::uint16_t tag, u
     PutU16(p, 0);
 }
 
-bool OpenForWriting(LFileDescriptor& fd, char const* path) {
-    return path != nullptr && fd.Open(path, O_RDWR | O_CREAT, 0666);
+// Opened under a shared lock, so a tool that rewrites a file under the exclusive one (the tag
+// writer) waits for the audio to be complete instead of editing a file still being written.
+bool OpenForWriting(LFileDescriptor& fd, LFileLock& lock, char const* path) {
+    return path != nullptr && fd.Open(path, O_RDWR | O_CREAT, 0666) &&
+           lock.Lock(fd, LFileLockMode::kShared);
 }
 
 } // namespace
@@ -65,7 +68,7 @@ bool OpenForWriting(LFileDescriptor& fd, char const* path) {
 LSNKPCMFileBase::LSNKPCMFileBase(char const* path, int rateHz, unsigned char channels,
                                  int bytesPerSample, std::uint16_t formatTag)
     : LSoundSinkBase(rateHz, channels), m_formatTag(formatTag), m_bytesPerSample(bytesPerSample) {
-    if (IsFailed() || rateHz < 1 || !OpenForWriting(m_fd, path) ||
+    if (IsFailed() || rateHz < 1 || !OpenForWriting(m_fd, m_lock, path) ||
         !WriteHeader(kWaveProvisionalDataBytes) || !m_fd.Truncate(kPcmHeaderBytes) ||
         !m_fd.SeekTo(kPcmHeaderBytes)) {
         SetFailed();
@@ -157,6 +160,7 @@ void LSNKPCMFileBase::Finalise() {
         unsigned char const pad = 0;
         ok = ok && m_fd.PWriteAll(&pad, 1, offset);
     }
+    m_lock.Unlock(); // before the descriptor closes and its number may be reused
     if (!m_fd.Close() || !ok) {
         SetFailed();
     }
@@ -236,7 +240,7 @@ template class LSNKPCMFile<LSFF32>;
 template <class T>
 LSNKG711WaveFile<T>::LSNKG711WaveFile(char const* path, int rateHz, unsigned char channels)
     : LSoundSinkBase(rateHz, channels) {
-    if (IsFailed() || rateHz < 1 || !OpenForWriting(m_fd, path) || !WriteHeader() ||
+    if (IsFailed() || rateHz < 1 || !OpenForWriting(m_fd, m_lock, path) || !WriteHeader() ||
         !m_fd.Truncate(kG711HeaderBytes) || !m_fd.SeekTo(kG711HeaderBytes)) {
         SetFailed();
         return;
@@ -259,6 +263,7 @@ bool LSNKG711WaveFile<T>::Finish() {
         unsigned char const pad = 0;
         ok = ok && m_fd.PWriteAll(&pad, 1, kG711HeaderBytes + m_dataBytes);
     }
+    m_lock.Unlock(); // before the descriptor closes and its number may be reused
     if (!m_fd.Close() || !ok) {
         SetFailed();
     }

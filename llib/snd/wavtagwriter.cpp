@@ -5,6 +5,8 @@
 
 #include "wavtagsshared.h"
 
+#include "llib/unix/filelock.h"
+
 #include <algorithm>
 #include <cctype>
 #include <climits>
@@ -371,6 +373,12 @@ bool LWavTagWriter::Write(char const* path) {
     m_slotOfChunk.clear();
     LFileDescriptor fd;
     if (!fd.Open(path, O_RDWR)) {
+        return false;
+    }
+    // Exclusive, so a file still being written (its sink holds a shared lock) is not edited
+    // under the writer; released before the descriptor closes.
+    LFileLock lock;
+    if (!lock.Lock(fd, LFileLockMode::kExclusive)) {
         return false;
     }
     std::uint64_t fileBytes = 0;

@@ -3,11 +3,15 @@
 
 #include "llib/gen/stringlong.h"
 #include "llib/snd/sampleformats.h"
+#include "llib/unix/fd.h"
+#include "llib/unix/filelock.h"
 #include "tests/support/oracle.h"
 #include "tests/support/tempdir.h"
 #include "tests/support/testsources.h"
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
 
 #include <cstring>
 #include <filesystem>
@@ -445,6 +449,20 @@ TEST_F(WavFileTest, SinksThatCannotWriteReportFailure) {
     format.formatTag = 1;
     format.channels = 0;
     EXPECT_TRUE(LWaveFile::OpenSink(PathOf("mono0.wav").c_str(), format)->IsFailed());
+}
+
+// A sink writes under a shared lock, so it does not start on a file another program holds
+// exclusively (being rewritten); it gives up after the lock wait and reports failure.
+TEST_F(WavFileTest, SinkRefusesAFileHeldExclusively) {
+    std::string const path = PathOf("held.wav");
+    ASSERT_TRUE(WriteFileBytes(path, "busy", 4));
+    LFileDescriptor holder;
+    ASSERT_TRUE(holder.Open(path.c_str(), O_RDWR));
+    LFileLock lock;
+    ASSERT_TRUE(lock.Lock(holder, LFileLockMode::kExclusive));
+    EXPECT_TRUE(LWaveFile::OpenSinkPCM(path.c_str(), 8000, 1, 16, false)->IsFailed());
+    lock.Unlock();
+    EXPECT_FALSE(LWaveFile::OpenSinkPCM(path.c_str(), 8000, 1, 16, false)->IsFailed());
 }
 
 TEST_F(WavFileTest, DeletingSourceRemovesItsFile) {
