@@ -35,6 +35,21 @@ void SECopyRegions(LList<SERegion> const& from, LList<SERegion>& to) {
     }
 }
 
+namespace {
+
+// No selection is kept as a caret at the cursor, so undo puts the caret back where it was.
+void CaretIfEmpty(SESelectionState& selection, long long cursor) {
+    bool const empty =
+        selection.start == selection.end ||
+        (selection.secondaryInForce && selection.secondaryLow == selection.secondaryHigh);
+    if (empty) {
+        selection.start = cursor;
+        selection.end = cursor;
+    }
+}
+
+} // namespace
+
 // ---- SEFileUndo ----
 
 SEFileUndo::SEFileUndo() {
@@ -82,14 +97,7 @@ void SEFile::SaveForUndo(char const* description) {
     SECopyBookmarks(m_bookmarks, slot.bookmarks);
     SECopyRegions(SESharedRegions(), slot.regions);
     LStrCopy(slot.description, sizeof slot.description, description != nullptr ? description : "");
-    // No selection is kept as a caret at the cursor, so undo puts the caret back where it was.
-    bool const empty = slot.selection.start == slot.selection.end ||
-                       (slot.selection.secondaryInForce &&
-                        slot.selection.secondaryLow == slot.selection.secondaryHigh);
-    if (empty) {
-        slot.selection.start = slot.cursor;
-        slot.selection.end = slot.cursor;
-    }
+    CaretIfEmpty(slot.selection, slot.cursor);
     m_undo[Step(m_undoCurrent, 1)].Free();
     m_undo[Step(m_undoCurrent, 2)].Free();
     AdvanceOldestPastFree();
@@ -105,13 +113,7 @@ void SEFile::UndoRedoApply(int slot) {
     m_view = from.view;
     SECopyBookmarks(from.bookmarks, m_bookmarks);
     SECopyRegions(from.regions, SESharedRegions());
-    bool const empty =
-        m_selection.start == m_selection.end ||
-        (m_selection.secondaryInForce && m_selection.secondaryLow == m_selection.secondaryHigh);
-    if (empty) {
-        m_selection.start = m_cursor;
-        m_selection.end = m_cursor;
-    }
+    CaretIfEmpty(m_selection, m_cursor);
 }
 
 bool SEFile::CanUndo() const {
