@@ -29,6 +29,16 @@ void TryPlatformDecoder(LSoundSource& result, char const* path) {
     }
 }
 
+// The extension that decides: the caller's when given (with or without its dot), else the
+// path's; lower-cased either way.
+std::string DecidingExtension(char const* path, char const* extension) {
+    if (extension == nullptr) {
+        return LGenFileExtension(path);
+    }
+    std::string const name = std::string("x") + (*extension == '.' ? "" : ".") + extension;
+    return LGenFileExtension(name.c_str());
+}
+
 } // namespace
 
 std::string LGenFileExtension(char const* path) {
@@ -55,9 +65,7 @@ LProcessResult ProcessGenSourceOpenSource(LSoundSource& result, char const* path
     if (path == nullptr || *path == '\0') {
         result = LMakeErrorSource(LSoundSourceErrorCode::kCannotOpen);
     } else {
-        std::string const ext = extension != nullptr
-                                    ? LGenFileExtension((std::string("x") + extension).c_str())
-                                    : LGenFileExtension(path);
+        std::string const ext = DecidingExtension(path, extension);
         LGenSourceOpenInterfaceProcess forward(process);
         if (ext == ".wav") {
             result = LWaveFile::OpenSource(path);
@@ -96,9 +104,7 @@ std::string ProcessGenSourceGetError(LProcessInterface& process, LSoundSource co
                              "supported by Tessel.",
                              name);
     }
-    std::string const ext = extension != nullptr
-                                ? LGenFileExtension((std::string("x") + extension).c_str())
-                                : LGenFileExtension(name);
+    std::string const ext = DecidingExtension(name, extension);
     // A WAV file that is readable but not decodable says which codec it needs. (Missing and
     // corrupt files keep the messages above: naming a codec would mislead there.)
     bool const undecodable = code == LSoundSourceErrorCode::kUnsupported ||
