@@ -126,9 +126,10 @@ struct RoundTripCase {
 class WavRoundTrip : public WavFileTest, public ::testing::WithParamInterface<RoundTripCase> {
 protected:
     std::vector<float> const input = MakeNoise(GetParam().channels, GetParam().frames, 0.999, 7);
-    std::string const path = PathOf("rt.wav");
+    std::string path; // in the test's folder, which exists only from SetUp on
     void SetUp() override {
         WavFileTest::SetUp();
+        path = PathOf("rt.wav");
         RoundTripCase const& c = GetParam();
         WriteAll(LWaveFile::OpenSink(path.c_str(), Format(c.tag, c.bits, c.channels, 22050)),
                  input);
@@ -190,6 +191,7 @@ TEST_P(WavRoundTrip, OtherProgramsReadOurFiles) {
               0)
         << log;
     EXPECT_TRUE(ReadFileBytes(raw) == c.store(input).raw);
+    log.clear();
     ASSERT_EQ(RunTool({"sox", "--i", "-s", path}, &log), 0) << log;
     EXPECT_EQ(std::stoll(log), c.frames);
 }
