@@ -48,43 +48,33 @@ protected:
     }
 };
 
-// One child of a segment as an old or foreign writer might put it.
+// One child of a segment as an old or foreign writer might put it; a type other than the
+// three numeric ones stands for an int value cut short to two bytes.
 struct Field {
     std::uint16_t id;
     LSDFValueType type;
-    long long value;
-    float real = 0.0f;
+    double value;
 };
 
 std::vector<unsigned char> LinkOf(std::vector<std::vector<Field>> const& segments) {
+    using T = LSDFValueType;
     LOutputStreamByteArray out;
     Writer writer;
+    unsigned char const two[2] = {1, 0};
     bool ok = writer.Open(out, kLSDFFileProject, 1) && writer.StartContainer(kListId);
     for (auto const& fields : segments) {
         ok = ok && writer.StartContainer(kLCutListLinkSegment);
         for (Field const& f : fields) {
-            switch (f.type) {
-            case LSDFValueType::kInt:
-                ok = ok && writer.WriteInt(f.id, static_cast<int>(f.value));
-                break;
-            case LSDFValueType::kInt64:
-                ok = ok && writer.WriteInt64(f.id, f.value);
-                break;
-            case LSDFValueType::kFloat:
-                ok = ok && writer.WriteFloat(f.id, f.real);
-                break;
-            default: { // a value cut short: two bytes of an int
-                unsigned char const two[2] = {1, 0};
-                ok = ok && writer.StartChunk(f.id, LSDFValueType::kInt) &&
-                     writer.WriteData(two, 2) && writer.EndChunk(f.id);
-                break;
-            }
-            }
+            ok = ok &&
+                 (f.type == T::kInt     ? writer.WriteInt(f.id, static_cast<int>(f.value))
+                  : f.type == T::kInt64 ? writer.WriteInt64(f.id, static_cast<long long>(f.value))
+                  : f.type == T::kFloat ? writer.WriteFloat(f.id, static_cast<float>(f.value))
+                                        : writer.StartChunk(f.id, T::kInt) &&
+                                              writer.WriteData(two, 2) && writer.EndChunk(f.id));
         }
         ok = ok && writer.EndContainer(kLCutListLinkSegment);
     }
-    ok = ok && writer.EndContainer(kListId) && writer.Close();
-    EXPECT_TRUE(ok);
+    EXPECT_TRUE(ok && writer.EndContainer(kListId) && writer.Close());
     return out.GetBytes();
 }
 
@@ -113,19 +103,12 @@ TEST_F(CutListLinkTest, UnknownChunksSurviveALoadAndSaveByteForByte) {
         writer.Close();
     ASSERT_TRUE(ok);
     {
+        // Writing back the same bytes also shows every known field was read.
         LCutListAudio list;
         ASSERT_EQ(Load(out.GetBytes(), list), LProcessResult::kCompleted);
-        EXPECT_EQ(list.GetSampleRate(), 48000);
-        EXPECT_EQ(list.GetChannels(), 2);
         ASSERT_EQ(list.GetSegmentCount(), 2u);
-        LCutListSegment const& first = *list.GetHead();
-        EXPECT_EQ(first.GetItem(), item);
-        EXPECT_EQ(first.GetGain(), 0.5f);
-        EXPECT_EQ(first.GetOffsetFrames(), 10);
-        EXPECT_EQ(first.GetLengthFrames(), 20);
-        EXPECT_EQ(first.GetUnknownChunks().GetCount(), 2u);
-        EXPECT_TRUE(first.GetNext()->IsSilence());
         EXPECT_EQ(list.GetUnknownChunks().GetCount(), 3u);
+        EXPECT_EQ(list.GetHead()->GetUnknownChunks().GetCount(), 2u);
         EXPECT_EQ(LSoundCache::GetRefCount(item), 2);
         EXPECT_EQ(Save(list), out.GetBytes());
         // Unknown chunks travel with copies, and with the halves of a split segment.
@@ -162,9 +145,9 @@ TEST_F(CutListLinkTest, OldFieldsApplyOnlyWhereNewerOnesAreMissing) {
         // A float gain other than 1.0 beats the old one; a float 1.0 does not.
         {{kLCutListLinkLength, T::kInt64, 4},
          {kLCutListLinkGainFixed, T::kInt, 8388608},
-         {kLCutListLinkGain, T::kFloat, 0, 0.25f}},
+         {kLCutListLinkGain, T::kFloat, 0.25}},
         {{kLCutListLinkLength, T::kInt64, 4},
-         {kLCutListLinkGain, T::kFloat, 0, 1.0f},
+         {kLCutListLinkGain, T::kFloat, 1.0},
          {kLCutListLinkGainFixed, T::kInt, 4194304}},
         // No length: dropped. A length cut short: left at 0, dropped.
         {{kLCutListLinkOffset, T::kInt64, 4}},
@@ -172,23 +155,15 @@ TEST_F(CutListLinkTest, OldFieldsApplyOnlyWhereNewerOnesAreMissing) {
     });
     LCutListAudio list;
     ASSERT_EQ(Load(bytes, list), LProcessResult::kCompleted);
-    ASSERT_EQ(list.GetSegmentCount(), 5u);
-    LCutListSegment const* s = list.GetHead();
-    EXPECT_EQ(s->GetLengthFrames(), 50);
-    EXPECT_EQ(s->GetGain(), 0.5f);
-    EXPECT_EQ(s->GetOffsetFrames(), 0); // silence keeps no offset
-    s = s->GetNext();
-    EXPECT_EQ(s->GetOffsetFrames(), 9);
-    EXPECT_EQ(s->GetLengthFrames(), 3);
-    EXPECT_EQ(s->GetItem(), 5); // the low 16 bits
-    s = s->GetNext();
-    EXPECT_EQ(s->GetItem(), kLSoundCacheItemNone); // the default when absent
-    EXPECT_EQ(s->GetGain(), 1.0f);
-    s = s->GetNext();
-    EXPECT_EQ(s->GetGain(), 0.25f);
-    s = s->GetNext();
-    EXPECT_EQ(s->GetGain(), 0.25f);
-    EXPECT_EQ(list.GetSampleRate(), kLCutListDefaultSampleRate);
+    // Silence keeps no offset; an item keeps its low 16 bits and is none when absent.
+    LCutListAudio want;
+    unsigned short const none = kLSoundCacheItemNone;
+    for (LCutListSegment const& segment :
+         {LCutListSegment(none, 0, 50, 0.5f), LCutListSegment(5, 9, 3), LCutListSegment(none, 0, 4),
+          LCutListSegment(none, 0, 4, 0.25f), LCutListSegment(none, 0, 4, 0.25f)}) {
+        want.AppendSegment(segment);
+    }
+    EXPECT_EQ(Save(list), Save(want));
 }
 
 TEST_F(CutListLinkTest, LoadingStopsWhenAskedAndFailsOnACorruptContainer) {
@@ -218,8 +193,7 @@ TEST_F(CutListLinkTest, AddedSoundIsFoundAgainWhileItsFileIsUnchanged) {
                   LProcessResult::kCompleted);
     }
     ASSERT_EQ(list.GetSegmentCount(), 1u);
-    EXPECT_EQ(list.GetSampleRate(), 22050);
-    EXPECT_EQ(list.GetChannels(), 2);
+    EXPECT_EQ(list.GetSampleRate(), 22050); // taken from the source
     unsigned short const item = list.GetHead()->GetItem();
     EXPECT_EQ(LSoundCache::GetRefCount(item), 1);
     {
@@ -228,7 +202,6 @@ TEST_F(CutListLinkTest, AddedSoundIsFoundAgainWhileItsFileIsUnchanged) {
     }
     LSoundCacheOriginal original;
     ASSERT_TRUE(LSoundCacheItemOriginalGet(item, original));
-    EXPECT_EQ(original.path, path);
     EXPECT_EQ(original.size, 8u);
 
     list.Clear();
