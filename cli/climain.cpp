@@ -3,6 +3,7 @@
 
 #include "cli/cliprocess.h"
 #include "cli/cmdaudio.h"
+#include "cli/cmdedit.h"
 #include "cli/cmdinspect.h"
 #include "cli/version.h"
 
@@ -35,6 +36,13 @@ void PrintHelp(std::FILE* to) {
                "  synth OUT [--seconds S] [--hz F] [--rate HZ] [--channels N] [--bits B]\n"
                "                 Write a sine tone at -6 dBFS (default 5 s of 440 Hz,\n"
                "                 44100 Hz stereo, 16-bit).\n"
+               "  edit IN... -o OUT [--do COMMAND]... [--script FILE]\n"
+               "                 Open each IN, run editor commands on them in the order given\n"
+               "                 (the first file is current at the start) and save the current\n"
+               "                 file to OUT. A COMMAND is a name or identifier with settings\n"
+               "                 as KEY=VALUE, e.g. --do 'select start=0:01 end=0:02.5' --do cut.\n"
+               "                 A script holds one command per line. 'edit --list' lists the\n"
+               "                 commands and their settings.\n"
                "  inspect FILE   Print the chunk tree of a structured data file (effect\n"
                "                 presets and chains, projects, cache item information,\n"
                "                 cut-list links): file type and version, then each chunk's\n"
@@ -107,7 +115,8 @@ int main(int argc, char** argv) {
         int (*run)(int, char**);
     };
     for (Command const c : {Command{"info", LCliRunInfo}, Command{"convert", LCliRunConvert},
-                            Command{"tags", LCliRunTags}, Command{"synth", LCliRunSynth}}) {
+                            Command{"tags", LCliRunTags}, Command{"synth", LCliRunSynth},
+                            Command{"edit", LCliRunEdit}}) {
         if (std::strcmp(command, c.name) == 0) {
             LCliInstallInterruptHandler();
             int const status = c.run(argc - 2, argv + 2);

@@ -214,6 +214,12 @@ bool SEFile::UndoToLastSave() {
     return true;
 }
 
+void SEFile::DropNewestSnapshot() {
+    m_undo[m_undoCurrent].Free();
+    m_undo[Step(m_undoCurrent, 1)].Free();
+    m_undoCurrent = Step(m_undoCurrent, -1);
+}
+
 void SEFile::AddBookmark(char const* name, long long position) {
     m_bookmarks.AddTail(std::make_unique<LSEBookmark>(name, position));
 }

@@ -124,6 +124,8 @@ public:
     [[nodiscard]] bool IsUndoLastSaveAvailable(int* slot = nullptr);
     // Returns to the state as last saved ("Revert"); false when it is not available.
     [[nodiscard]] bool UndoToLastSave();
+    // Drops the newest snapshot and the slot after it (a modification that did not happen).
+    void DropNewestSnapshot();
     [[nodiscard]] int GetUndoCurrent() const { return m_undoCurrent; }
     [[nodiscard]] int GetUndoOldest() const { return m_undoOldest; }
     [[nodiscard]] SEFileUndo const& GetUndoSlot(int slot) const { return m_undo[slot]; }

@@ -51,6 +51,28 @@ public:
     void SetStatusF(int line, char const* format, ...) __attribute__((format(printf, 3, 4)));
 };
 
+// Passes every call on to another interface; wrappers override what they need to watch.
+class LProcessInterfaceForward : public LProcessInterface {
+public:
+    explicit LProcessInterfaceForward(LProcessInterface& outer) : m_outer(outer) {}
+    [[nodiscard]] bool IsToStop() override { return m_outer.IsToStop(); }
+    bool ProcessWait(unsigned ms) override { return m_outer.ProcessWait(ms); }
+    bool ProcessWaitSignal(LSignalObjectRef signal, unsigned ms) override {
+        return m_outer.ProcessWaitSignal(signal, ms);
+    }
+    int ProcessWaitSignalObjectGroup(LSignalObjectGroup& group, unsigned ms) override {
+        return m_outer.ProcessWaitSignalObjectGroup(group, ms);
+    }
+    void SetError(char const* message) override { m_outer.SetError(message); }
+    void SetStatus(char const* text, int line) override { m_outer.SetStatus(text, line); }
+    void SetProgress(double fraction) override { m_outer.SetProgress(fraction); }
+    void SetProgressIndeterminateOn() override { m_outer.SetProgressIndeterminateOn(); }
+    void SetProgressIndeterminateOff() override { m_outer.SetProgressIndeterminateOff(); }
+
+private:
+    LProcessInterface& m_outer;
+};
+
 // A process interface whose stop flag any thread may raise; it keeps the last error, status
 // lines and progress for whoever runs the operation (the command line, a worker thread).
 class LProcessInterfaceBasic : public LProcessInterface {

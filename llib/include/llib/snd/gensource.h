@@ -29,25 +29,9 @@ struct LWaveFileFormat;
 [[nodiscard]] std::string LGenFileExtension(char const* path);
 
 // The process interface handed to decoders that take long: everything goes to the caller's.
-class LGenSourceOpenInterfaceProcess final : public LProcessInterface {
+class LGenSourceOpenInterfaceProcess final : public LProcessInterfaceForward {
 public:
-    explicit LGenSourceOpenInterfaceProcess(LProcessInterface& outer) : m_outer(outer) {}
-    [[nodiscard]] bool IsToStop() override { return m_outer.IsToStop(); }
-    bool ProcessWait(unsigned ms) override { return m_outer.ProcessWait(ms); }
-    bool ProcessWaitSignal(LSignalObjectRef signal, unsigned ms) override {
-        return m_outer.ProcessWaitSignal(signal, ms);
-    }
-    int ProcessWaitSignalObjectGroup(LSignalObjectGroup& group, unsigned ms) override {
-        return m_outer.ProcessWaitSignalObjectGroup(group, ms);
-    }
-    void SetError(char const* message) override { m_outer.SetError(message); }
-    void SetStatus(char const* text, int line) override { m_outer.SetStatus(text, line); }
-    void SetProgress(double fraction) override { m_outer.SetProgress(fraction); }
-    void SetProgressIndeterminateOn() override { m_outer.SetProgressIndeterminateOn(); }
-    void SetProgressIndeterminateOff() override { m_outer.SetProgressIndeterminateOff(); }
-
-private:
-    LProcessInterface& m_outer;
+    using LProcessInterfaceForward::LProcessInterfaceForward;
 };
 
 // Opens `path` as a source. With `reportError`, a failure's message goes to the process

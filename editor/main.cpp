@@ -1,0 +1,405 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "editor/main.h"
+
+#include "llib/gen/settings.h"
+#include "llib/gen/stringlong.h"
+#include "llib/snd/gensource.h"
+#include "llib/snd/soundtime.h"
+#include "llib/snd/wavtags.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace {
+
+std::string PositionText(long long frames, int rateHz) {
+    char text[kLSoundTimeTextChars];
+    LSoundTime::FromFrames(frames, rateHz)._GetText(text);
+    return text;
+}
+
+std::string AbsolutePath(char const* path) {
+    if (path[0] == '/') {
+        return path;
+    }
+    std::vector<char> folder(PATH_MAX);
+    if (::getcwd(folder.data(), folder.size()) == nullptr) {
+        return path;
+    }
+    return std::string(folder.data()) + "/" + path;
+}
+
+} // namespace
+
+bool SEParsePosition(char const* text, int rateHz, long long& frames) {
+    if (text == nullptr || rateHz < 1) {
+        return false;
+    }
+    std::size_t const length = std::strlen(text);
+    if (length > 3 && std::strcmp(text + length - 3, "smp") == 0) {
+        long long value = 0;
+        auto const [end, error] = std::from_chars(text, text + length - 3, value);
+        if (error != std::errc() || end != text + length - 3 || value < 0) {
+            return false;
+        }
+        frames = value;
+        return true;
+    }
+    if (!LSoundTime::IsValid(text)) {
+        return false;
+    }
+    LSoundTime time;
+    time.SetText(text);
+    if (time.GetMs() < 0) {
+        return false;
+    }
+    frames = time.ToFrames(rateHz);
+    return true;
+}
+
+MainDialog::MainDialog(SEUserInterface& ui, LSettingsStore* settings)
+    : m_ui(ui), m_core(m_windows, ui, settings) {}
+
+SEResult MainDialog::Command(int id, int notify) {
+    (void)notify;
+    m_core.ClearLastError();
+    SECommandInfo const* const info = SEFindCommand(id);
+    SEResult result = SEResult::kDone;
+    if (info == nullptr) {
+        m_core.SetLastError(LStrFormat("There is no command %d.", id));
+        result = SEResult::kUnknown;
+    } else if (info->needsDocument && GetCurrentView() == nullptr) {
+        m_core.SetLastError("No file is open.");
+        result = SEResult::kIgnored;
+    } else if (!info->built) {
+        std::string const text =
+            LStrFormat("\"%s\" is not available in this version of Tessel.", info->text);
+        (void)m_ui.MessageBox("Tessel", text.c_str(), {"OK"});
+        m_core.SetLastError(text);
+        result = SEResult::kUnavailable;
+    } else {
+        result = Dispatch(id);
+    }
+    UpdateUndoMenuItem();
+    return result;
+}
+
+SEResult MainDialog::Dispatch(int id) {
+    switch (id) {
+    case SECmd::kNew:
+        return CmNew();
+    case SECmd::kOpen:
+        return CmOpen();
+    case SECmd::kClose:
+        return CmCloseFileWindow();
+    case SECmd::kSave:
+        return m_core.CmSave(nullptr);
+    case SECmd::kSaveAs:
+        return CmSaveAs();
+    case SECmd::kSaveChanges:
+        return m_core.SaveChanges(nullptr);
+    case SECmd::kSelectAll:
+        return CmSelectAll();
+    case SECmd::kSelectNone:
+        return CmSelectNone();
+    case SECmd::kSelect:
+        return CmSelectRange();
+    case SECmd::kCopy:
+        return m_core.CmCopy(nullptr);
+    case SECmd::kPaste:
+        return m_core.CmPaste(nullptr);
+    case SECmd::kCursor:
+        return CmSetCursor();
+    case SECmd::kEditSamples:
+        return CmEditSamples();
+    case SECmd::kDelete:
+        return m_core.CmClear(nullptr);
+    case SECmd::kTrimStart:
+        return m_core.CmTrimStart(nullptr);
+    case SECmd::kTrimEnd:
+        return m_core.CmTrimEnd(nullptr);
+    case SECmd::kSilence:
+        return m_core.CmSilence(nullptr);
+    case SECmd::kPasteAsNew:
+        return CmPasteAsNew();
+    case SECmd::kRevert:
+        return m_core.CmUndoToLastSave(nullptr);
+    case SECmd::kCut:
+        return m_core.CmCut(nullptr);
+    case SECmd::kReverse:
+        return m_core.CmReverse(nullptr);
+    case SECmd::kWindow:
+        return CmWindow();
+    case SECmd::kBookmark:
+        return CmBookmark();
+    case SECmd::kSaveAll:
+        return CmSaveAll();
+    case SECmd::kUndo:
+        return m_core.CmUndo(nullptr);
+    case SECmd::kRedo:
+        return m_core.CmRedo(nullptr);
+    default:
+        break;
+    }
+    m_core.SetLastError(LStrFormat("Command %d has no handler.", id));
+    return SEResult::kUnknown;
+}
+
+void MainDialog::UpdateUndoMenuItem() {
+    SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        m_undoText = "Undo ";
+        m_redoText = "Redo ";
+        m_undoEnabled = false;
+        m_redoEnabled = false;
+    } else {
+        SEFile const& file = *view->GetFile();
+        m_undoText = file.GetUndoLabel();
+        m_redoText = file.GetRedoLabel();
+        m_undoEnabled = file.CanUndo();
+        m_redoEnabled = file.CanRedo();
+    }
+    m_ui.UpdateUndoItems(m_undoText.c_str(), m_undoEnabled, m_redoText.c_str(), m_redoEnabled);
+}
+
+// ---- files ----
+
+SEResult MainDialog::CmNew() {
+    LSettingsStore& settings = m_core.GetSettings();
+    int const number = settings.GetInt("Settings", "iAutoNumber", 1);
+    std::string const name = SEGetNewFileName(true, nullptr, number, &settings);
+    LCutListAudio audio;
+    SEFileGUI& view = m_windows.Add(std::make_shared<SEFile>(name.c_str(), audio));
+    m_ui.Redraw(view);
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmOpenFile(char const* path) {
+    if (path == nullptr || path[0] == '\0') {
+        return m_core.Fail("Open", "No file was given to open.");
+    }
+    std::string const absolute = AbsolutePath(path);
+    LCutListAudio audio;
+    std::string const title = LStrFormat("Opening \"%s\"", absolute.c_str());
+    SEResult const result =
+        m_core.RunProcess(title.c_str(), "Open", [&](LProcessInterface& process) {
+            return ProcessGenOpenCutList(process, absolute.c_str(), audio);
+        });
+    if (result != SEResult::kDone) {
+        return result;
+    }
+    auto file = std::make_shared<SEFile>(absolute.c_str(), audio);
+    if (LGenFileExtension(absolute.c_str()) == ".wav") {
+        // Tags travel with the document so that saving it keeps them.
+        (void)LWavTagsRead(absolute.c_str(), file->GetTags());
+    }
+    file->SetModified(false);
+    file->SetFileClean();
+    SEFileGUI& view = m_windows.Add(std::move(file));
+    m_ui.Redraw(view);
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmOpen() {
+    std::vector<std::string> paths;
+    if (!m_ui.ChooseFilesToOpen(paths) || paths.empty()) {
+        m_core.SetLastError("No file was chosen.");
+        return SEResult::kCancelled;
+    }
+    for (std::string const& path : paths) {
+        SEResult const result = CmOpenFile(path.c_str());
+        if (result != SEResult::kDone) {
+            return result;
+        }
+    }
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmCloseFileWindow(SEFileGUI* view) {
+    SEFileGUI* const v = m_core.Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (v->GetFile()->IsModified()) {
+        std::string const text =
+            LStrFormat("Save the changes to \"%s\" before closing?", v->GetFile()->GetPath());
+        int const answer =
+            m_ui.MessageBox("Tessel", text.c_str(), {"Save", "Don't Save", "Cancel"});
+        if (answer == 2) {
+            m_core.SetLastError("The file was not closed.");
+            return SEResult::kCancelled;
+        }
+        if (answer == 0) {
+            SEResult const saved = m_core.CmSave(v);
+            if (saved != SEResult::kDone) {
+                return saved;
+            }
+        }
+    }
+    m_windows.Remove(v);
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmSaveAs() {
+    return m_core.CmSaveAs(nullptr, nullptr);
+}
+
+SEResult MainDialog::CmSaveAll() {
+    for (std::size_t i = 0; i < m_windows.GetCount(); ++i) {
+        SEFileGUI* const view = m_windows.At(i);
+        if (view->GetFile() != nullptr && view->GetFile()->IsModified()) {
+            SEResult const result = m_core.CmSave(view);
+            if (result != SEResult::kDone) {
+                return result;
+            }
+        }
+    }
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmWindow() {
+    SECommandFields fields{
+        {"index", "File number", std::to_string(m_windows.GetCurrentIndex() + 1)}};
+    if (!m_ui.AskValues("Switch to file", fields)) {
+        return SEResult::kCancelled;
+    }
+    long long index = 0;
+    char const* const text = fields[0].value.c_str();
+    auto const [end, error] = std::from_chars(text, text + fields[0].value.size(), index);
+    if (error != std::errc() || *end != '\0' || index < 1 ||
+        static_cast<std::size_t>(index) > m_windows.GetCount()) {
+        return BadValue("Switch to file",
+                        LStrFormat("There is no open file number \"%s\" (%zu are open).", text,
+                                   m_windows.GetCount()));
+    }
+    (void)m_windows.SetCurrent(static_cast<std::size_t>(index - 1));
+    return SEResult::kDone;
+}
+
+// ---- selection and cursor ----
+
+SEResult MainDialog::CmSelectAll() {
+    SEFileGUI* const view = GetCurrentView();
+    long long const length = view->GetFile()->GetAudio().GetLengthFrames();
+    m_core.ModifySelection(view, 0, length, 0);
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmSelectNone() {
+    SEFileGUI* const view = GetCurrentView();
+    long long const cursor = view->GetFile()->GetCursor();
+    m_core.ModifySelection(view, cursor, cursor, cursor);
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmSelectRange() {
+    SEFileGUI* const view = GetCurrentView();
+    SEFile const& file = *view->GetFile();
+    int const rate = file.GetAudio().GetSampleRate();
+    SECommandFields fields{{"start", "Start", PositionText(file.GetSelection().start, rate)},
+                           {"end", "End", PositionText(file.GetSelection().end, rate)}};
+    if (!m_ui.AskValues("Select", fields)) {
+        return SEResult::kCancelled;
+    }
+    long long start = 0;
+    long long end = 0;
+    for (SECommandField const& field : fields) {
+        if (!SEParsePosition(field.value.c_str(), rate, field.key == "start" ? start : end)) {
+            return BadValue("Select",
+                            LStrFormat("The %s of the selection, \"%s\", is not a time or a "
+                                       "sample position.",
+                                       field.key.c_str(), field.value.c_str()));
+        }
+    }
+    if (end < start) {
+        return BadValue("Select", LStrFormat("The end of the selection (%s) is before its start "
+                                             "(%s).",
+                                             fields[1].value.c_str(), fields[0].value.c_str()));
+    }
+    // A range reaching past the end means "to the end".
+    m_core.ModifySelection(view, start, end, start);
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmSetCursor() {
+    SEFileGUI* const view = GetCurrentView();
+    SEFile const& file = *view->GetFile();
+    int const rate = file.GetAudio().GetSampleRate();
+    SECommandFields fields{{"position", "Position", PositionText(file.GetCursor(), rate)}};
+    if (!m_ui.AskValues("Move the cursor", fields)) {
+        return SEResult::kCancelled;
+    }
+    long long position = 0;
+    if (!SEParsePosition(fields[0].value.c_str(), rate, position)) {
+        return BadValue("Move the cursor", LStrFormat("\"%s\" is not a time or a sample position.",
+                                                      fields[0].value.c_str()));
+    }
+    m_core.ModifySelection(view, position, position, position);
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmEditSamples() {
+    SEFileGUI* const view = GetCurrentView();
+    int const rate = view->GetFile()->GetAudio().GetSampleRate();
+    SECommandFields fields{{"points", "Points (position:value, ...)", ""}};
+    if (!m_ui.AskValues("Edit Samples", fields)) {
+        return SEResult::kCancelled;
+    }
+    std::vector<SESamplePoint> points;
+    std::string const& text = fields[0].value;
+    for (std::size_t at = 0; at < text.size();) {
+        std::size_t const comma = std::min(text.find(',', at), text.size());
+        std::string const item = text.substr(at, comma - at);
+        std::size_t const colon = item.find(':');
+        SESamplePoint point;
+        char* end = nullptr;
+        std::string const value =
+            colon == std::string::npos ? "" : item.substr(item.rfind(':') + 1);
+        std::string const position = item.substr(0, item.empty() ? 0 : item.rfind(':'));
+        errno = 0;
+        double const v = std::strtod(value.c_str(), &end);
+        if (colon == std::string::npos || value.empty() || *end != '\0' || errno != 0 ||
+            !std::isfinite(v) || !SEParsePosition(position.c_str(), rate, point.position)) {
+            return BadValue("Edit Samples",
+                            LStrFormat("\"%s\" is not a point: write POSITION:VALUE, for "
+                                       "example 1200smp:0.5.",
+                                       item.c_str()));
+        }
+        point.value = static_cast<float>(v);
+        points.push_back(point);
+        at = comma + 1;
+    }
+    return m_core.CmEditSamples(view, points);
+}
+
+// ---- clipboard, bookmarks ----
+
+SEResult MainDialog::CmPasteAsNew() {
+    if (!m_core.HasClipboard()) {
+        return m_core.Fail("Paste as New", "The clipboard is empty: copy or cut some audio first.");
+    }
+    LSettingsStore& settings = m_core.GetSettings();
+    int const number = settings.GetInt("Settings", "iAutoNumber", 1);
+    std::string const name = SEGetNewFileName(true, nullptr, number, &settings);
+    SEFileGUI& view = m_windows.Add(std::make_shared<SEFile>(name.c_str(), m_core.GetClipboard()));
+    m_ui.Redraw(view);
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmBookmark() {
+    SEFileGUI* const view = GetCurrentView();
+    std::size_t const count = view->GetFile()->GetBookmarks().GetCount();
+    SECommandFields fields{{"name", "Name", LStrFormat("Bookmark %zu", count + 1)}};
+    if (!m_ui.AskValues("Bookmark", fields)) {
+        return SEResult::kCancelled;
+    }
+    return m_core.CmBookmark(view, fields[0].value.c_str());
+}

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// MainDialog: the main window's command handler, without the window. Menus, toolbar, key
+// bindings and the task list deliver command identifiers (secommands.h) to Command, which runs
+// the handler on the current document and then recomputes the Undo and Redo items. What a
+// command must ask the user (a file, a range, a confirmation) it asks through the front end's
+// SEUserInterface, so the desktop, the tests and tessel-cli drive exactly the same code.
+
+#include "editor/secommands.h"
+#include "editor/secoreutils.h"
+#include "editor/seui.h"
+#include "editor/windowmanager.h"
+
+#include <string>
+
+class LSettingsStore;
+
+class MainDialog {
+public:
+    // `settings` null: the user's store.
+    explicit MainDialog(SEUserInterface& ui, LSettingsStore* settings = nullptr);
+    MainDialog(MainDialog const&) = delete;
+    MainDialog& operator=(MainDialog const&) = delete;
+
+    // Runs command `id`. `notify` tells where it came from (0 menu, 1 key, 2 toolbar or task
+    // list); no command depends on it. The outcome's reason, when it did not run, is
+    // GetLastError().
+    SEResult Command(int id, int notify = 0);
+
+    // ---- handlers ----
+    SEResult CmNew();
+    // Opens `path` into a new document, made current.
+    SEResult CmOpenFile(char const* path);
+    SEResult CmOpen();
+    // Closes `view` (the current one when null), asking first when it holds unsaved changes.
+    SEResult CmCloseFileWindow(SEFileGUI* view = nullptr);
+    SEResult CmSaveAs();
+    SEResult CmSaveAll();
+    SEResult CmSelectAll();
+    SEResult CmSelectNone();
+    SEResult CmSelectRange();
+    SEResult CmSetCursor();
+    SEResult CmEditSamples();
+    SEResult CmPasteAsNew();
+    SEResult CmWindow();
+    SEResult CmBookmark();
+
+    // Recomputes the Undo and Redo items from the current document's ring.
+    void UpdateUndoMenuItem();
+    [[nodiscard]] std::string const& GetUndoItemText() const { return m_undoText; }
+    [[nodiscard]] std::string const& GetRedoItemText() const { return m_redoText; }
+    [[nodiscard]] bool IsUndoItemEnabled() const { return m_undoEnabled; }
+    [[nodiscard]] bool IsRedoItemEnabled() const { return m_redoEnabled; }
+
+    [[nodiscard]] SEWindowManager& GetWindows() { return m_windows; }
+    [[nodiscard]] SECoreUtils& GetCore() { return m_core; }
+    [[nodiscard]] SEFileGUI* GetCurrentView() const { return m_core.Resolve(nullptr); }
+    [[nodiscard]] std::string const& GetLastError() const { return m_core.GetLastError(); }
+
+private:
+    SEResult Dispatch(int id);
+    SEResult BadValue(char const* title, std::string const& text) {
+        return m_core.Fail(title, text);
+    }
+
+    SEUserInterface& m_ui;
+    SEWindowManager m_windows;
+    SECoreUtils m_core;
+    std::string m_undoText = "Undo ";
+    std::string m_redoText = "Redo ";
+    bool m_undoEnabled = false;
+    bool m_redoEnabled = false;
+};
+
+// Reads a position typed into a command's field: a time in one of LSoundTime's forms ("90",
+// "1:30", "0:01:30.250") converted to frames at `rateHz`, or a frame count written with the
+// suffix "smp" ("44100smp"). False for anything else, negative values included.
+[[nodiscard]] bool SEParsePosition(char const* text, int rateHz, long long& frames);

@@ -1,0 +1,599 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "editor/secoreutils.h"
+
+#include "llib/gen/settings.h"
+#include "llib/gen/stringlong.h"
+#include "llib/snd/cache.h"
+#include "llib/snd/gensource.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+// Passes everything through to the front end's progress display and keeps the error message,
+// which the core shows (and the command line prints) once the work has ended.
+class SECapturingProcess final : public LProcessInterfaceForward {
+public:
+    using LProcessInterfaceForward::LProcessInterfaceForward;
+    void SetError(char const* message) override {
+        m_error = message != nullptr ? message : "";
+        LProcessInterfaceForward::SetError(message);
+    }
+    [[nodiscard]] std::string const& GetError() const { return m_error; }
+
+private:
+    std::string m_error;
+};
+
+long long Clamp(long long position, long long length) {
+    return std::clamp(position, 0LL, length);
+}
+
+} // namespace
+
+bool SEIsUnsavedPath(char const* path) {
+    return path == nullptr || std::strchr(path, '/') == nullptr;
+}
+
+SECoreUtils::SECoreUtils(SEWindowManager& windows, SEUserInterface& ui, LSettingsStore* settings)
+    : m_windows(windows), m_ui(ui), m_settings(settings) {
+    m_clipboard.SetSampleRate(kLCutListDefaultSampleRate);
+    m_clipboard.SetChannels(1);
+}
+
+LSettingsStore& SECoreUtils::GetSettings() const {
+    return m_settings != nullptr ? *m_settings : LSettingsStore::GetDefault();
+}
+
+SEFileGUI* SECoreUtils::Resolve(SEFileGUI* view) const {
+    SEFileGUI* const v = view != nullptr ? view : m_windows.GetCurrent();
+    if (v == nullptr || !v->IsShown() || v->GetFile() == nullptr) {
+        return nullptr;
+    }
+    return v;
+}
+
+SEResult SECoreUtils::Fail(char const* title, std::string const& text) {
+    m_lastError = text;
+    (void)m_ui.MessageBox(title, text.c_str(), {"OK"});
+    return SEResult::kFailed;
+}
+
+void SECoreUtils::SendEvent(SEFileGUI& view, int event) {
+    m_ui.DocumentEvent(view, event);
+}
+
+// ---- one modification ----
+
+bool SECoreUtils::StartModifyFile(SEFileGUI* view, char const* description, bool redraw) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return false;
+    }
+    SEFile& file = *v->GetFile();
+    file.SaveForUndo(description);
+    file.SetModified(true);
+    file.SetChanged(true);
+    SendEvent(*v, kSEEventDocumentModified);
+    if (redraw) {
+        m_ui.Redraw(*v);
+    }
+    return true;
+}
+
+bool SECoreUtils::StartModifyCurrentFile(char const* description) {
+    return StartModifyFile(nullptr, description);
+}
+
+bool SECoreUtils::CheckFreeSpace(SEFileGUI const* view, char const* folder) {
+    struct stat info {};
+    if (view == nullptr || folder == nullptr || ::stat(folder, &info) != 0 ||
+        !S_ISDIR(info.st_mode)) {
+        return true;
+    }
+    struct statvfs space {};
+    if (::statvfs(folder, &space) != 0) {
+        return true;
+    }
+    LCutListAudio const& audio = view->GetFile()->GetAudio();
+    // In long double: a document of 2^50 frames of 255 channels overflows 64 bits.
+    long double const needed = static_cast<long double>(audio.GetLengthFrames()) * 4.0L *
+                               static_cast<long double>(audio.GetChannels());
+    long double const free =
+        static_cast<long double>(space.f_bavail) * static_cast<long double>(space.f_frsize);
+    if (free > needed) {
+        return true;
+    }
+    std::string const text = LStrFormat(
+        "The last action you performed to the file \"%s\" might not be saved because you have "
+        "very low free disk space. Please try saving the file to a different location or making "
+        "more space by removing unwanted files then try again.",
+        view->GetFile()->GetPath());
+    (void)m_ui.MessageBox("Low Disk Space", text.c_str(), {"OK"});
+    return false;
+}
+
+bool SECoreUtils::EndModifyFile(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return false;
+    }
+    // A warning only: the edit stays.
+    (void)CheckFreeSpace(v, LSoundCache::GetFolder().c_str());
+    m_ui.Redraw(*v);
+    std::string const play = GetSettings().GetString("Settings", "AutoPlaybackAfterEffects", "");
+    if (!play.empty() && play != "0") {
+        m_ui.StartPlayback(*v);
+    }
+    return true;
+}
+
+bool SECoreUtils::EndModifyCurrentFile() {
+    return EndModifyFile(nullptr);
+}
+
+void SECoreUtils::CancelModifyFile(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v != nullptr) {
+        v->GetFile()->DropNewestSnapshot();
+    }
+}
+
+void SECoreUtils::RollBackModifyFile(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return;
+    }
+    SEFile& file = *v->GetFile();
+    file.UndoRedoApply(file.GetUndoCurrent());
+    CancelModifyFile(v);
+    SendEvent(*v, file.IsModified() ? kSEEventDocumentModified : kSEEventDocumentClean);
+    m_ui.Redraw(*v);
+}
+
+void SECoreUtils::ModifySelection(SEFileGUI* view, long long start, long long end, long long cursor,
+                                  bool redraw) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return;
+    }
+    SEFile& file = *v->GetFile();
+    long long const length = file.GetAudio().GetLengthFrames();
+    SESelectionState selection = file.GetSelection();
+    selection.start = Clamp(start, length);
+    selection.end = Clamp(end, length);
+    if (selection.end < selection.start) {
+        std::swap(selection.start, selection.end);
+    }
+    file.SetSelection(selection);
+    file.SetCursor(Clamp(cursor, length));
+    if (redraw) {
+        m_ui.Redraw(*v);
+    }
+}
+
+SEResult SECoreUtils::RunProcess(char const* title, char const* failTitle,
+                                 SEProcessFunction const& work) {
+    std::string error;
+    LProcessResult const result = m_ui.RunProcess(title, [&](LProcessInterface& process) {
+        SECapturingProcess capture(process);
+        LProcessResult const r = work(capture);
+        error = capture.GetError();
+        return r;
+    });
+    switch (result) {
+    case LProcessResult::kCompleted:
+        return SEResult::kDone;
+    case LProcessResult::kStopped:
+        m_lastError = "Stopped.";
+        return SEResult::kCancelled;
+    case LProcessResult::kFailed:
+        break;
+    }
+    return Fail(failTitle,
+                error.empty() ? std::string("The operation could not be completed.") : error);
+}
+
+SEResult SECoreUtils::RunEffect(SEFileGUI* view, SEEfCutListProcess& effect,
+                                char const* description) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    LFileModifier modifier(*this, description, v);
+    if (!modifier.IsStarted()) {
+        return SEResult::kIgnored;
+    }
+    long long const before = v->GetFile()->GetAudio().GetLengthFrames();
+    SEResult const result =
+        RunProcess(effect.GetEffectName(), description, [&effect](LProcessInterface& process) {
+            return effect.ProcessAndInsertCutList(process);
+        });
+    if (result != SEResult::kDone) {
+        return result;
+    }
+    // The processed part stays selected, at its new length.
+    SESelection const& s = effect.GetSelection();
+    long long const end =
+        std::min(s.end, before) + v->GetFile()->GetAudio().GetLengthFrames() - before;
+    ModifySelection(v, s.start, end, s.start, false);
+    return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
+}
+
+// ---- the ring ----
+
+SEResult SECoreUtils::CmUndo(SEFileGUI* view, int reserved) {
+    (void)reserved;
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SEFile& file = *v->GetFile();
+    if (!file.Undo()) {
+        m_lastError = "There is nothing to undo.";
+        return SEResult::kIgnored;
+    }
+    SendEvent(*v, file.IsModified() ? kSEEventDocumentModified : kSEEventDocumentClean);
+    m_ui.Redraw(*v);
+    return SEResult::kDone;
+}
+
+SEResult SECoreUtils::CmRedo(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SEFile& file = *v->GetFile();
+    if (!file.Redo()) {
+        m_lastError = "There is nothing to redo.";
+        return SEResult::kIgnored;
+    }
+    SendEvent(*v, file.IsModified() ? kSEEventDocumentModified : kSEEventDocumentClean);
+    m_ui.Redraw(*v);
+    return SEResult::kDone;
+}
+
+SEResult SECoreUtils::CmUndoToLastSave(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SEFile& file = *v->GetFile();
+    if (!file.UndoToLastSave()) {
+        m_lastError = "The document is as it was last saved, or that state is no longer kept.";
+        return SEResult::kIgnored;
+    }
+    SendEvent(*v, file.IsModified() ? kSEEventDocumentModified : kSEEventDocumentClean);
+    m_ui.Redraw(*v);
+    return SEResult::kDone;
+}
+
+// ---- clipboard and edits ----
+
+void SECoreUtils::SetClipboard(LCutListAudio const& clip) {
+    m_clipboard = clip;
+    m_hasClipboard = true;
+}
+
+SEResult SECoreUtils::CmCopy(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SEFile const& file = *v->GetFile();
+    SESelection const selection = SESelectionOf(file);
+    if (selection.IsEmpty()) {
+        return Fail("Copy", "Nothing is selected: select the audio to copy first.");
+    }
+    LCutListAudio clip;
+    file.GetAudio().EfCopy(selection.start,
+                           std::min(selection.end, file.GetAudio().GetLengthFrames()), clip);
+    SetClipboard(clip);
+    return SEResult::kDone;
+}
+
+SEResult SECoreUtils::CmCut(SEFileGUI* view) {
+    SEResult const copied = CmCopy(view);
+    if (copied != SEResult::kDone) {
+        if (copied == SEResult::kFailed) {
+            m_lastError = "Nothing is selected: select the audio to cut first.";
+        }
+        return copied;
+    }
+    return CmClear(view, "Cut");
+}
+
+SEResult SECoreUtils::DeleteRange(SEFileGUI& view, char const* description,
+                                  SESelection const& range, SESelectionState const& selection,
+                                  long long cursor) {
+    LFileModifier modifier(*this, description, &view);
+    if (!modifier.IsStarted()) {
+        return SEResult::kIgnored;
+    }
+    SEEfDelete effect(view.GetFilePtr(), range);
+    SEResult const result = RunProcess(description, description, [&effect](LProcessInterface& p) {
+        return effect.ProcessAndInsertCutList(p);
+    });
+    if (result != SEResult::kDone) {
+        return result;
+    }
+    // A band keeps the document's length, so nothing after it moves.
+    if (!range.band) {
+        view.GetFile()->OffsetBookmarks(range.start, range.start - range.end);
+    }
+    ModifySelection(&view, selection.start, selection.end, cursor, false);
+    return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
+}
+
+SEResult SECoreUtils::CmClear(SEFileGUI* view, char const* description) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SESelection const selection = SESelectionOf(*v->GetFile());
+    if (selection.IsEmpty()) {
+        m_lastError = "Nothing is selected.";
+        return SEResult::kIgnored;
+    }
+    SESelectionState collapsed = v->GetFile()->GetSelection();
+    collapsed.start = collapsed.end = selection.start;
+    return DeleteRange(*v, description, selection, collapsed, selection.start);
+}
+
+SEResult SECoreUtils::CmPaste(SEFileGUI* view, long long position) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (!m_hasClipboard) {
+        return Fail("Paste", "The clipboard is empty: copy or cut some audio first.");
+    }
+    SEFile& file = *v->GetFile();
+    LCutListAudio& audio = file.GetAudio();
+    SESelection selection = SESelectionOf(file);
+    if (position >= 0 || selection.IsEmpty()) {
+        long long const at =
+            Clamp(position >= 0 ? position : file.GetCursor(), audio.GetLengthFrames());
+        selection = SESelection{at, at, 0, 0, false};
+    }
+    LFileModifier modifier(*this, "Paste", v);
+    if (!modifier.IsStarted()) {
+        return SEResult::kIgnored;
+    }
+    if (audio.GetLengthFrames() == 0) {
+        // An empty document takes the clip's format rather than converting it to a default one.
+        audio.SetSampleRate(m_clipboard.GetSampleRate());
+        audio.SetChannels(m_clipboard.GetChannels());
+    }
+    long long const before = audio.GetLengthFrames();
+    SEEfPasteOver effect(v->GetFilePtr(), selection, m_clipboard);
+    SEResult const result = RunProcess("Paste", "Paste", [&effect](LProcessInterface& p) {
+        return effect.ProcessAndInsertCutList(p);
+    });
+    if (result != SEResult::kDone) {
+        return result;
+    }
+    long long const removed = std::min(selection.end, before) - selection.start;
+    long long const pasted = audio.GetLengthFrames() - before + removed;
+    file.OffsetBookmarks(selection.start, -removed);
+    file.OffsetBookmarks(selection.start, pasted);
+    long long const after = selection.start + pasted;
+    ModifySelection(v, after, after, after, false);
+    return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
+}
+
+namespace {
+
+// The position the trims cut at: the selection's edge, or the cursor without a selection.
+long long TrimPoint(SEFile const& file, bool start) {
+    SESelectionState const& s = file.GetSelection();
+    if (s.start == s.end) {
+        return file.GetCursor();
+    }
+    return start ? s.start : s.end;
+}
+
+} // namespace
+
+SEResult SECoreUtils::CmTrimStart(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SEFile const& file = *v->GetFile();
+    long long const cut = Clamp(TrimPoint(file, true), file.GetAudio().GetLengthFrames());
+    if (cut == 0) {
+        m_lastError = "There is nothing before the cursor to trim.";
+        return SEResult::kIgnored;
+    }
+    SESelectionState moved = file.GetSelection();
+    moved.start -= cut;
+    moved.end -= cut;
+    return DeleteRange(*v, "Trim Start", SESelection{0, cut, 0, 0, false}, moved,
+                       file.GetCursor() - cut);
+}
+
+SEResult SECoreUtils::CmTrimEnd(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SEFile const& file = *v->GetFile();
+    long long const length = file.GetAudio().GetLengthFrames();
+    long long const cut = Clamp(TrimPoint(file, false), length);
+    if (cut == length) {
+        m_lastError = "There is nothing after the cursor to trim.";
+        return SEResult::kIgnored;
+    }
+    return DeleteRange(*v, "Trim End", SESelection{cut, length, 0, 0, false}, file.GetSelection(),
+                       file.GetCursor());
+}
+
+SEResult SECoreUtils::CmSilence(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SESelection const selection = SESelectionOf(*v->GetFile());
+    if (selection.IsEmpty()) {
+        m_lastError = "Nothing is selected.";
+        return SEResult::kIgnored;
+    }
+    SEEfSilence effect(v->GetFilePtr(), selection);
+    return RunEffect(v, effect, "Edit Silence");
+}
+
+SEResult SECoreUtils::CmReverse(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SESelection selection = SESelectionOf(*v->GetFile());
+    if (selection.IsEmpty()) {
+        // Without a selection the whole document is meant, as for every effect.
+        selection = SESelection{0, v->GetFile()->GetAudio().GetLengthFrames(), 0, 0, false};
+    }
+    SEEfReverse effect(v->GetFilePtr(), selection);
+    return RunEffect(v, effect, "Reverse");
+}
+
+SEResult SECoreUtils::CmEditSamples(SEFileGUI* view, std::vector<SESamplePoint> const& points) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (points.empty()) {
+        m_lastError = "No sample values were given.";
+        return SEResult::kIgnored;
+    }
+    long long const length = v->GetFile()->GetAudio().GetLengthFrames();
+    long long first = points.front().position;
+    long long last = first;
+    for (SESamplePoint const& p : points) {
+        if (p.position < 0 || p.position >= length) {
+            return Fail("Edit Samples",
+                        LStrFormat("Sample %lld is outside the document (0 to %lld).", p.position,
+                                   length - 1));
+        }
+        first = std::min(first, p.position);
+        last = std::max(last, p.position);
+    }
+    // The drawn points arrive in document positions; the effect sees them in its part.
+    std::vector<SESamplePoint> local = points;
+    for (SESamplePoint& p : local) {
+        p.position -= first;
+    }
+    SEEfEditSamples effect(v->GetFilePtr(), SESelection{first, last + 1, 0, 0, false},
+                           std::move(local));
+    SESelectionState const old = v->GetFile()->GetSelection();
+    long long const cursor = v->GetFile()->GetCursor();
+    SEResult const result = RunEffect(v, effect, "Edit Samples");
+    if (result == SEResult::kDone) {
+        ModifySelection(v, old.start, old.end, cursor, true);
+    }
+    return result;
+}
+
+SEResult SECoreUtils::CmBookmark(SEFileGUI* view, char const* name) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    LFileModifier modifier(*this, "Bookmark", v);
+    if (!modifier.IsStarted()) {
+        return SEResult::kIgnored;
+    }
+    v->GetFile()->AddBookmark(name, v->GetFile()->GetCursor());
+    return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
+}
+
+// ---- saving ----
+
+SEResult SECoreUtils::SaveTo(SEFileGUI& view, std::string const& path) {
+    SEFile& file = *view.GetFile();
+    // The work gets its own copy: the document stays the main thread's while a worker saves.
+    LCutListAudio const audio = file.GetAudio();
+    LFileTagData const tags = file.GetTags();
+    std::string const title = LStrFormat("Saving \"%s\"", path.c_str());
+    SEResult const result = RunProcess(title.c_str(), "Save", [&](LProcessInterface& process) {
+        return ProcessGenSaveCutList(process, audio, path.c_str(), nullptr, &tags);
+    });
+    if (result != SEResult::kDone) {
+        return result;
+    }
+    if (path != file.GetPath()) {
+        file.SetFileName(path.c_str());
+    }
+    file.SetFileClean();
+    file.TakeFileTimeStamps();
+    SendEvent(view, kSEEventDocumentClean);
+    return SEResult::kDone;
+}
+
+SEResult SECoreUtils::CmSave(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (SEIsUnsavedPath(v->GetFile()->GetPath())) {
+        return CmSaveAs(v);
+    }
+    return SaveTo(*v, v->GetFile()->GetPath());
+}
+
+SEResult SECoreUtils::CmSaveAs(SEFileGUI* view, char const* path) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    std::string target = path != nullptr ? path : "";
+    if (target.empty()) {
+        std::string suggested = v->GetFile()->GetPath();
+        if (SEIsUnsavedPath(suggested.c_str())) {
+            suggested += ".wav";
+        }
+        if (!m_ui.ChooseFileToSave(suggested.c_str(), target) || target.empty()) {
+            m_lastError = "No file was chosen.";
+            return SEResult::kCancelled;
+        }
+    }
+    return SaveTo(*v, target);
+}
+
+SEResult SECoreUtils::SaveChanges(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (!v->GetFile()->IsModified()) {
+        return SEResult::kDone;
+    }
+    return CmSave(v);
+}
+
+// ---- LFileModifier ----
+
+LFileModifier::LFileModifier(SECoreUtils& core, char const* description, SEFileGUI* view)
+    : m_core(core), m_view(view) {
+    m_started = view != nullptr ? core.StartModifyFile(view, description)
+                                : core.StartModifyCurrentFile(description);
+}
+
+LFileModifier::~LFileModifier() {
+    if (m_started && !m_committed) {
+        m_core.RollBackModifyFile(m_view);
+    }
+}
+
+bool LFileModifier::Commit() {
+    if (!m_started || m_committed) {
+        return m_committed;
+    }
+    m_committed = m_view != nullptr ? m_core.EndModifyFile(m_view) : m_core.EndModifyCurrentFile();
+    return m_committed;
+}

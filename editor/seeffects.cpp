@@ -1,0 +1,220 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "editor/seeffects.h"
+
+#include "llib/snd/convertrate.h"
+#include "llib/snd/prsourcesink.h"
+#include "llib/snd/sinkconvchannels.h"
+
+#include <algorithm>
+#include <utility>
+
+SESelection SESelectionOf(SEFile const& file) {
+    SESelectionState const& state = file.GetSelection();
+    SESelection selection;
+    selection.start = state.start;
+    selection.end = state.end;
+    selection.band = state.secondaryInForce;
+    selection.lowHz = static_cast<int>(state.secondaryLow);
+    selection.highHz = static_cast<int>(state.secondaryHigh);
+    return selection;
+}
+
+SEEfCutListProcess::SEEfCutListProcess(std::shared_ptr<SEFile> file, SESelection const& selection)
+    : m_file(std::move(file)), m_selection(selection) {}
+
+LProcessResult SEEfCutListProcess::ProcessAndInsertCutList(LProcessInterface& process) {
+    LCutListAudio& document = m_file->GetAudio();
+    SESelection const& s = m_selection;
+    if (s.end < s.start || s.start < 0 || s.start > document.GetLengthFrames() ||
+        (s.band && s.lowHz > s.highHz)) {
+        return LProcessResult::kFailed;
+    }
+    process.SetStatus(GetEffectName(), 0);
+    process.SetStatus("Please Wait...", 1);
+    if (s.band) {
+        process.SetError("Frequency-band selections cannot be edited yet: the equaliser they need "
+                         "is not part of this version.");
+        return LProcessResult::kFailed;
+    }
+    // Past the end the copy would read as silence and lengthen the document.
+    long long const end = std::min(s.end, document.GetLengthFrames());
+    LCutListAudio part;
+    document.EfCopy(s.start, end, part);
+    LProcessResult const result = ProcessCutList(process, part);
+    if (result != LProcessResult::kCompleted) {
+        return result;
+    }
+    document.EfDelete(s.start, end);
+    document.EfInsert(s.start, part);
+    return LProcessResult::kCompleted;
+}
+
+LProcessResult SERenderToCutList(LProcessInterface& process, LSoundSource& source,
+                                 char const* title, LCutListAudio& out) {
+    out.Clear();
+    out.SetSampleRate(source->GetSampleRate());
+    out.SetChannels(source->GetChannels());
+    LProcessResult result = LProcessResult::kFailed;
+    {
+        LSoundSink sink = out.OpenSink(source->GetSampleRate(), source->GetChannels(), title);
+        LPRSourceToSink copy(title, source, sink, false);
+        result = Process(process, copy);
+        if (result == LProcessResult::kCompleted && !sink->Finish()) {
+            result = LProcessResult::kFailed;
+        }
+    }
+    if (result != LProcessResult::kCompleted) {
+        out.Clear();
+    }
+    return result;
+}
+
+LSoundSource SEEfSoundSourceProcess::OpenSource(LProcessInterface& process, LSoundSource& input) {
+    (void)process;
+    return OpenSource(input);
+}
+
+LProcessResult SEEfSoundSourceProcess::ProcessCutList(LProcessInterface& process,
+                                                      LCutListAudio& part) {
+    LSoundSource input = part.OpenSource();
+    if (process.IsToStop()) {
+        return LProcessResult::kStopped;
+    }
+    LSoundSource effect = OpenSource(process, input);
+    if (process.IsToStop()) {
+        return LProcessResult::kStopped;
+    }
+    if (effect->GetError() != LSoundSourceErrorCode::kNone) {
+        return LProcessResult::kFailed;
+    }
+    LCutListAudio result;
+    LProcessResult const r = SERenderToCutList(process, effect, GetEffectName(), result);
+    if (r == LProcessResult::kCompleted) {
+        part = std::move(result);
+    }
+    return r;
+}
+
+LProcessResult SEEfDelete::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
+    (void)process;
+    long long const frames = part.GetLengthFrames();
+    part.EfDelete(0, frames);
+    if (m_selection.band) {
+        part.EfInsertSilence(0, frames);
+    }
+    return LProcessResult::kCompleted;
+}
+
+LProcessResult SEEfSilence::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
+    (void)process;
+    long long const frames = part.GetLengthFrames();
+    part.EfDelete(0, frames);
+    part.EfInsertSilence(0, frames);
+    return LProcessResult::kCompleted;
+}
+
+LProcessResult SEEfReverse::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
+    constexpr long long kBlockFrames = 8192;
+    LSoundSource source = part.OpenSource();
+    if (source->GetError() != LSoundSourceErrorCode::kNone) {
+        return LProcessResult::kFailed;
+    }
+    unsigned const channels = part.GetChannels();
+    long long const total = part.GetLengthFrames();
+    LCutListAudio result;
+    result.SetSampleRate(part.GetSampleRate());
+    result.SetChannels(part.GetChannels());
+    std::vector<float> block(static_cast<std::size_t>(kBlockFrames) * channels);
+    LProcessResult outcome = LProcessResult::kCompleted;
+    {
+        LSoundSink sink = result.OpenSink(part.GetSampleRate(), part.GetChannels(), "Reverse");
+        // Blocks are taken from the end and each is turned around, so the file is read in
+        // large forward runs rather than frame by frame backwards.
+        for (long long end = total; end > 0 && outcome == LProcessResult::kCompleted;) {
+            long long const frames = std::min(kBlockFrames, end);
+            long long const start = end - frames;
+            source->Seek(start);
+            source->Read(block.data(), frames);
+            for (long long a = 0, b = frames - 1; a < b; ++a, --b) {
+                std::swap_ranges(block.begin() + a * channels, block.begin() + (a + 1) * channels,
+                                 block.begin() + b * channels);
+            }
+            sink->Write(block.data(), frames);
+            end = start;
+            if (sink->IsFailed()) {
+                outcome = LProcessResult::kFailed;
+            } else if (process.IsToStop()) {
+                outcome = LProcessResult::kStopped;
+            }
+            process.SetProgress(static_cast<double>(total - end) / static_cast<double>(total));
+        }
+        if (outcome == LProcessResult::kCompleted && !sink->Finish()) {
+            outcome = LProcessResult::kFailed;
+        }
+    }
+    if (outcome == LProcessResult::kCompleted) {
+        part = std::move(result);
+    }
+    return outcome;
+}
+
+SEEfEditSamples::SEEfEditSamples(std::shared_ptr<SEFile> file, SESelection const& selection,
+                                 std::vector<SESamplePoint> points)
+    : SEEfCutListProcess(std::move(file), selection), m_points(std::move(points)) {}
+
+LProcessResult SEEfEditSamples::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
+    long long const frames = part.GetLengthFrames();
+    if (frames > kMaxFrames) {
+        process.SetError("The selection is too long to draw samples in. Zoom in and select a "
+                         "shorter range.");
+        return LProcessResult::kFailed;
+    }
+    unsigned const channels = part.GetChannels();
+    std::vector<float> samples(static_cast<std::size_t>(frames) * channels);
+    LSoundSource source = part.OpenSource();
+    source->Read(samples.data(), frames);
+    for (SESamplePoint const& point : m_points) {
+        if (point.position < 0 || point.position >= frames) {
+            continue;
+        }
+        auto const at = samples.begin() + point.position * channels;
+        std::fill(at, at + channels, point.value);
+    }
+    LCutListAudio result;
+    result.SetSampleRate(part.GetSampleRate());
+    result.SetChannels(part.GetChannels());
+    bool ok = false;
+    {
+        LSoundSink sink = result.OpenSink(part.GetSampleRate(), part.GetChannels(), "Edit Samples");
+        sink->Write(samples.data(), frames);
+        ok = sink->Finish();
+    }
+    if (!ok) {
+        return LProcessResult::kFailed;
+    }
+    part = std::move(result);
+    return LProcessResult::kCompleted;
+}
+
+SEEfPasteOver::SEEfPasteOver(std::shared_ptr<SEFile> file, SESelection const& selection,
+                             LCutListAudio const& clip)
+    : SEEfCutListProcess(std::move(file), selection), m_clip(clip) {}
+
+LProcessResult SEEfPasteOver::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
+    LCutListAudio const& document = m_file->GetAudio();
+    if (m_clip.GetSampleRate() == document.GetSampleRate() &&
+        m_clip.GetChannels() == document.GetChannels()) {
+        part = m_clip;
+        return LProcessResult::kCompleted;
+    }
+    // A clip from a document of another format is converted once, into new cache audio.
+    LSoundSource source = m_clip.OpenSource();
+    LSPConvertSourceRateChannels(document.GetSampleRate(), document.GetChannels(), source);
+    LCutListAudio converted;
+    LProcessResult const result =
+        SERenderToCutList(process, source, "Converting the clip...", converted);
+    if (result == LProcessResult::kCompleted) {
+        part = std::move(converted);
+    }
+    return result;
+}

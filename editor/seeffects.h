@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// The editor's effects: each changes the selected part of one document. The driver
+// (ProcessAndInsertCutList) copies the selected range out as a cut list of its own, lets the
+// effect process that copy, and only when that succeeded puts the result in place of the range
+// with two cut-list primitives (delete the range, insert the result at its start). So a stopped
+// or failed effect never touches the document's audio, and a pure rearrangement copies no
+// sample.
+
+#include "editor/sefile.h"
+#include "llib/gen/process.h"
+#include "llib/snd/cutlistaudio.h"
+#include "llib/snd/soundsource.h"
+
+#include <memory>
+#include <vector>
+
+// The part of a document an effect works on: frames [start, end) of every channel, or, with
+// `band`, only the frequencies between `lowHz` and `highHz` of that range.
+struct SESelection {
+    long long start = 0;
+    long long end = 0;
+    int lowHz = 0;
+    int highHz = 0;
+    bool band = false;
+
+    [[nodiscard]] bool IsEmpty() const { return start == end; }
+    [[nodiscard]] long long GetLength() const { return end - start; }
+};
+
+// The selection a document holds, as an effect sees it.
+[[nodiscard]] SESelection SESelectionOf(SEFile const& file);
+
+class SEEfCutListProcess {
+public:
+    SEEfCutListProcess(std::shared_ptr<SEFile> file, SESelection const& selection);
+    virtual ~SEEfCutListProcess() = default;
+    SEEfCutListProcess(SEEfCutListProcess const&) = delete;
+    SEEfCutListProcess& operator=(SEEfCutListProcess const&) = delete;
+
+    // The progress display's title and the undo description.
+    [[nodiscard]] virtual char const* GetEffectName() const = 0;
+    // Processes `part` (the selected range, as a list of its own) in place. On anything but
+    // kCompleted `part` is thrown away.
+    [[nodiscard]] virtual LProcessResult ProcessCutList(LProcessInterface& process,
+                                                        LCutListAudio& part) = 0;
+
+    // The driver: an invalid selection fails with kFailed before anything is done; otherwise the
+    // document's audio changes only when ProcessCutList completed.
+    [[nodiscard]] LProcessResult ProcessAndInsertCutList(LProcessInterface& process);
+
+    [[nodiscard]] SESelection const& GetSelection() const { return m_selection; }
+    [[nodiscard]] SEFile& GetFile() const { return *m_file; }
+
+protected:
+    std::shared_ptr<SEFile> m_file;
+    SESelection m_selection;
+};
+
+// Effects that are a transforming source: the part is read through the source OpenSource builds
+// and rendered into new cache audio at the part's rate and channel count.
+class SEEfSoundSourceProcess : public SEEfCutListProcess {
+public:
+    using SEEfCutListProcess::SEEfCutListProcess;
+    [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
+                                                LCutListAudio& part) override;
+    // The effect's source over `input`; the default calls the one-argument form.
+    [[nodiscard]] virtual LSoundSource OpenSource(LProcessInterface& process, LSoundSource& input);
+    [[nodiscard]] virtual LSoundSource OpenSource(LSoundSource& input) { return input; }
+};
+
+// Removes the part; for a frequency band the part becomes silence of its length, so that mixing
+// it back removes only the band.
+class SEEfDelete final : public SEEfCutListProcess {
+public:
+    using SEEfCutListProcess::SEEfCutListProcess;
+    [[nodiscard]] char const* GetEffectName() const override { return "Delete"; }
+    [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
+                                                LCutListAudio& part) override;
+};
+
+// Replaces the part by silence of the same length.
+class SEEfSilence final : public SEEfCutListProcess {
+public:
+    using SEEfCutListProcess::SEEfCutListProcess;
+    [[nodiscard]] char const* GetEffectName() const override { return "Edit Silence"; }
+    [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
+                                                LCutListAudio& part) override;
+};
+
+// Plays the part backwards: rendered into new cache audio, read from its end in blocks.
+class SEEfReverse final : public SEEfCutListProcess {
+public:
+    using SEEfCutListProcess::SEEfCutListProcess;
+    [[nodiscard]] char const* GetEffectName() const override { return "Reverse"; }
+    [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
+                                                LCutListAudio& part) override;
+};
+
+// A value the user drew: frame `position` (counted from the part's start) takes `value` in every
+// channel.
+struct SESamplePoint {
+    long long position = 0;
+    float value = 0.0f;
+};
+
+// Writes drawn values into the part. The part is read into memory, so the selection for a
+// drawing is bounded (kMaxFrames); larger ones fail with a message.
+class SEEfEditSamples final : public SEEfCutListProcess {
+public:
+    static constexpr long long kMaxFrames = 1 << 22;
+    SEEfEditSamples(std::shared_ptr<SEFile> file, SESelection const& selection,
+                    std::vector<SESamplePoint> points);
+    [[nodiscard]] char const* GetEffectName() const override { return "Edit Samples"; }
+    [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
+                                                LCutListAudio& part) override;
+
+private:
+    std::vector<SESamplePoint> m_points;
+};
+
+// Pastes `clip` over frames [start, end) of the document (an insertion when they are equal).
+// A clip of another rate or channel count is first converted to the document's.
+class SEEfPasteOver final : public SEEfCutListProcess {
+public:
+    SEEfPasteOver(std::shared_ptr<SEFile> file, SESelection const& selection,
+                  LCutListAudio const& clip);
+    [[nodiscard]] char const* GetEffectName() const override { return "Paste"; }
+    [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
+                                                LCutListAudio& part) override;
+
+private:
+    LCutListAudio m_clip;
+};
+
+// Renders `source` to the end into a new cut list of its own rate and channels (new cache
+// audio), under `title`. On anything but kCompleted `out` is left empty.
+[[nodiscard]] LProcessResult SERenderToCutList(LProcessInterface& process, LSoundSource& source,
+                                               char const* title, LCutListAudio& out);
