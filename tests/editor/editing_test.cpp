@@ -1,0 +1,669 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The editor driven as the desktop drives it: commands through MainDialog, answers from the
+// headless front end, audio checked sample by sample.
+#include "editor/main.h"
+#include "editor/seheadless.h"
+
+#include "llib/gen/settings.h"
+#include "llib/snd/cache.h"
+#include "llib/snd/gensource.h"
+#include "tests/support/testprocess.h"
+#include "tests/support/testsources.h"
+#include "tests/support/tempdir.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Exact in float and far below full scale, so no limiter touches it: every frame tells where it
+// came from.
+float RampValue(long long frame, unsigned channel) {
+    return static_cast<float>(frame + 1) / 1048576.0f + static_cast<float>(channel) * 0.25f;
+}
+
+std::vector<float> Ramp(long long frames, unsigned channels) {
+    std::vector<float> samples;
+    for (long long f = 0; f < frames; ++f) {
+        for (unsigned c = 0; c < channels; ++c) {
+            samples.push_back(RampValue(f, c));
+        }
+    }
+    return samples;
+}
+
+LCutListAudio MakeAudio(std::vector<float> samples, int rate, unsigned char channels) {
+    LSoundSource source = LMakeSource<LTestBufferSource>(rate, channels, std::move(samples));
+    LTestProcess process;
+    LCutListAudio audio;
+    EXPECT_EQ(SERenderToCutList(process, source, "test", audio), LProcessResult::kCompleted);
+    return audio;
+}
+
+std::vector<float> Samples(LCutListAudio const& audio) {
+    std::vector<float> samples(static_cast<std::size_t>(audio.GetLengthFrames()) *
+                               audio.GetChannels());
+    LSoundSource source = audio.OpenSource();
+    source->Read(samples.data(), audio.GetLengthFrames());
+    return samples;
+}
+
+std::size_t CountFiles(std::string const& folder) {
+    std::size_t count = 0;
+    if (DIR* dir = ::opendir(folder.c_str())) {
+        while (dirent const* entry = ::readdir(dir)) {
+            count += entry->d_name[0] != '.' ? 1 : 0;
+        }
+        ::closedir(dir);
+    }
+    return count;
+}
+
+class EditorTest : public LTempDirTest {
+protected:
+    void SetUp() override {
+        LTempDirTest::SetUp();
+        LSoundCache::SetFolder(PathOf("cache"));
+        SESharedRegions().Clear();
+        m_settings = std::make_unique<LSettingsStore>(PathOf("settings.ini"));
+        m_dialog = std::make_unique<MainDialog>(m_ui, m_settings.get());
+    }
+    void TearDown() override {
+        m_dialog.reset();
+        SESharedRegions().Clear();
+        LTempDirTest::TearDown();
+    }
+
+    // A document of `frames` ramp frames, made current; clean as if just opened.
+    SEFile& AddRamp(long long frames, unsigned char channels = 2, int rate = 44100,
+                    char const* name = "ramp.wav") {
+        auto file = std::make_shared<SEFile>(PathOf(name).c_str(),
+                                             MakeAudio(Ramp(frames, channels), rate, channels));
+        file->SetModified(false);
+        file->SetFileClean();
+        return *m_dialog->GetWindows().Add(std::move(file)).GetFile();
+    }
+
+    SEResult Run(int id, std::map<std::string, std::string> values = {}) {
+        m_ui.SetValues(std::move(values));
+        return m_dialog->Command(id);
+    }
+    SEResult Select(char const* start, char const* end) {
+        return Run(SECmd::kSelect, {{"start", start}, {"end", end}});
+    }
+    SEResult Cursor(char const* position) { return Run(SECmd::kCursor, {{"position", position}}); }
+    SEFile& Current() { return *m_dialog->GetCurrentView()->GetFile(); }
+
+    // Frames [start, end) of a ramp as the model sees them.
+    static std::vector<float> Span(std::vector<float> const& all, long long start, long long end,
+                                   unsigned channels) {
+        return {all.begin() + start * channels, all.begin() + end * channels};
+    }
+
+    SEHeadlessUI m_ui;
+    std::unique_ptr<LSettingsStore> m_settings;
+    std::unique_ptr<MainDialog> m_dialog;
+};
+
+TEST_F(EditorTest, CutAndPasteRearrangeSegmentsAndMoveBookmarks) {
+    SEFile& file = AddRamp(1000);
+    std::vector<float> const original = Samples(file.GetAudio());
+    file.AddBookmark("late", 400);
+    file.AddBookmark("early", 50);
+    std::size_t const cacheFiles = CountFiles(PathOf("cache"));
+
+    ASSERT_EQ(Select("100smp", "300smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kCut), SEResult::kDone);
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 800);
+    EXPECT_EQ(file.GetSelection().start, 100);
+    EXPECT_EQ(file.GetSelection().end, 100);
+    EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Cut");
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Cut");
+
+    ASSERT_EQ(Cursor("500smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kPaste), SEResult::kDone);
+    std::vector<float> expected = Span(original, 0, 100, 2);
+    for (auto const& [a, b] : {std::pair{300, 700}, std::pair{100, 300}, std::pair{700, 1000}}) {
+        std::vector<float> const part = Span(original, a, b, 2);
+        expected.insert(expected.end(), part.begin(), part.end());
+    }
+    EXPECT_EQ(Samples(file.GetAudio()), expected);
+    EXPECT_EQ(file.GetCursor(), 700);
+    // Rearranging copies no sample: the cache holds no new file.
+    EXPECT_EQ(CountFiles(PathOf("cache")), cacheFiles);
+
+    // "late" (400) went to 200 with the cut and stays there, before the paste point; "early"
+    // never moves.
+    LSEBookmark const* b = file.GetBookmarks().GetHead();
+    EXPECT_STREQ(b->name, "late");
+    EXPECT_EQ(b->position, 200);
+    EXPECT_EQ(b->GetNext()->position, 50);
+
+    EXPECT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 800);
+    EXPECT_EQ(m_dialog->GetRedoItemText(), "Redo Paste");
+    EXPECT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    EXPECT_EQ(Samples(file.GetAudio()), original);
+    EXPECT_EQ(file.GetBookmarks().GetHead()->position, 400);
+    EXPECT_FALSE(file.IsModified());
+    EXPECT_EQ(m_ui.GetEvents().back(), kSEEventDocumentClean);
+    EXPECT_EQ(Run(SECmd::kRedo), SEResult::kDone);
+    EXPECT_EQ(Run(SECmd::kRedo), SEResult::kDone);
+    EXPECT_EQ(Samples(file.GetAudio()), expected);
+    EXPECT_EQ(Run(SECmd::kRedo), SEResult::kIgnored);
+}
+
+TEST_F(EditorTest, PasteOverReplacesTheSelectionAndConvertsAForeignClip) {
+    SEFile& target = AddRamp(1000, 1, 44100, "target.wav");
+    std::vector<float> const original = Samples(target.GetAudio());
+    AddRamp(400, 1, 44100, "same.wav");
+    ASSERT_EQ(Select("0smp", "100smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kCopy), SEResult::kDone);
+    AddRamp(22050, 2, 22050, "foreign.wav");
+    ASSERT_EQ(Run(SECmd::kSelectAll), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kCopy), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kWindow, {{"index", "1"}}), SEResult::kDone);
+    ASSERT_EQ(&Current(), &target);
+
+    // One second at 22050 Hz stereo becomes one second at 44100 Hz mono.
+    ASSERT_EQ(Select("200smp", "300smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kPaste), SEResult::kDone);
+    EXPECT_EQ(target.GetAudio().GetLengthFrames(), 900 + 44100);
+    EXPECT_EQ(target.GetAudio().GetChannels(), 1);
+    std::vector<float> const after = Samples(target.GetAudio());
+    EXPECT_EQ(Span(after, 0, 200, 1), Span(original, 0, 200, 1));
+    EXPECT_EQ(Span(after, 200 + 44100, 900 + 44100, 1), Span(original, 300, 1000, 1));
+
+    // A clip of the document's own format goes in as it stands: its segments, no new audio.
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kWindow, {{"index", "2"}}), SEResult::kDone);
+    ASSERT_EQ(Select("0smp", "10smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kCopy), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kWindow, {{"index", "1"}}), SEResult::kDone);
+    std::size_t const cacheFiles = CountFiles(PathOf("cache"));
+    ASSERT_EQ(Select("200smp", "300smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kPaste), SEResult::kDone);
+    EXPECT_EQ(target.GetAudio().GetLengthFrames(), 910);
+    EXPECT_EQ(Span(Samples(target.GetAudio()), 200, 210, 1), Span(original, 0, 10, 1));
+    EXPECT_LE(CountFiles(PathOf("cache")), cacheFiles);
+}
+
+TEST_F(EditorTest, AFailedOrStoppedEditLeavesTheDocumentAndItsUndoItem) {
+    SEFile& file = AddRamp(200000, 2);
+    ASSERT_EQ(Select("0smp", "10smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kDelete), SEResult::kDone);
+    file.SetFileClean();
+    std::vector<float> const before = Samples(file.GetAudio());
+    int const undoCurrent = file.GetUndoCurrent();
+
+    // Stopped part-way: reversing 200,000 frames takes many blocks.
+    ASSERT_EQ(Select("0smp", "199990smp"), SEResult::kDone);
+    m_ui.StopAfterProgressReports(3);
+    EXPECT_EQ(Run(SECmd::kReverse), SEResult::kCancelled);
+    m_ui.StopAfterProgressReports(-1);
+    EXPECT_EQ(Samples(file.GetAudio()), before);
+    EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Delete");
+    EXPECT_FALSE(m_dialog->IsRedoItemEnabled());
+    EXPECT_EQ(file.GetUndoCurrent(), undoCurrent);
+    EXPECT_FALSE(file.IsModified());
+    EXPECT_EQ(m_ui.GetEvents().back(), kSEEventDocumentClean);
+
+    // Failed: a frequency band cannot be edited in this version; the reason is shown.
+    SESelectionState band = file.GetSelection();
+    band.secondaryInForce = true;
+    band.secondaryLow = 100;
+    band.secondaryHigh = 2000;
+    file.SetSelection(band);
+    EXPECT_EQ(Run(SECmd::kDelete), SEResult::kFailed);
+    EXPECT_NE(m_dialog->GetLastError().find("Frequency-band"), std::string::npos);
+    EXPECT_EQ(m_ui.GetMessages().back().title, "Delete");
+    EXPECT_EQ(Samples(file.GetAudio()), before);
+    EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Delete");
+
+    // An inverted band fails before anything is done (the driver's own check).
+    band.secondaryLow = 3000;
+    file.SetSelection(band);
+    LTestProcess process;
+    SEEfDelete effect(m_dialog->GetCurrentView()->GetFilePtr(), SESelectionOf(file));
+    EXPECT_EQ(effect.ProcessAndInsertCutList(process), LProcessResult::kFailed);
+    SEEfDelete inverted(m_dialog->GetCurrentView()->GetFilePtr(), SESelection{50, 40, 0, 0, false});
+    EXPECT_EQ(inverted.ProcessAndInsertCutList(process), LProcessResult::kFailed);
+    EXPECT_EQ(Samples(file.GetAudio()), before);
+}
+
+TEST_F(EditorTest, ReverseSilenceAndDrawnSamplesRenderTheSelectionOnly) {
+    SEFile& file = AddRamp(20000, 2);
+    std::vector<float> const original = Samples(file.GetAudio());
+    ASSERT_EQ(Select("1000smp", "19000smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kReverse), SEResult::kDone);
+    std::vector<float> const reversed = Samples(file.GetAudio());
+    for (long long f : {0LL, 999LL, 1000LL, 9999LL, 18999LL, 19000LL, 19999LL}) {
+        long long const from = f >= 1000 && f < 19000 ? 1000 + 18999 - f : f;
+        EXPECT_EQ(reversed[f * 2], original[from * 2]) << f;
+        EXPECT_EQ(reversed[f * 2 + 1], original[from * 2 + 1]) << f;
+    }
+    EXPECT_EQ(file.GetSelection().start, 1000);
+    EXPECT_EQ(file.GetSelection().end, 19000);
+    EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Reverse");
+
+    ASSERT_EQ(Select("10smp", "20smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kSilence), SEResult::kDone);
+    std::vector<float> const silenced = Samples(file.GetAudio());
+    EXPECT_EQ(silenced[9 * 2], reversed[9 * 2]);
+    EXPECT_EQ(silenced[10 * 2 + 1], 0.0f);
+    EXPECT_EQ(silenced[19 * 2], 0.0f);
+    EXPECT_EQ(silenced[20 * 2], reversed[20 * 2]);
+    EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Edit Silence");
+
+    ASSERT_EQ(Run(SECmd::kEditSamples, {{"points", "5smp:0.5,7smp:-0.25"}}), SEResult::kDone);
+    std::vector<float> const drawn = Samples(file.GetAudio());
+    EXPECT_EQ(drawn[5 * 2], 0.5f);
+    EXPECT_EQ(drawn[5 * 2 + 1], 0.5f);
+    EXPECT_EQ(drawn[6 * 2], silenced[6 * 2]);
+    EXPECT_EQ(drawn[7 * 2 + 1], -0.25f);
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 20000);
+    EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Edit Samples");
+    EXPECT_EQ(Run(SECmd::kEditSamples, {{"points", "20000smp:0.5"}}), SEResult::kFailed);
+    EXPECT_EQ(Run(SECmd::kEditSamples, {{"points", "5smp"}}), SEResult::kFailed);
+    EXPECT_EQ(Samples(file.GetAudio()), drawn);
+}
+
+TEST_F(EditorTest, TrimsKeepTheSelectedPart) {
+    SEFile& file = AddRamp(1000, 1);
+    std::vector<float> const original = Samples(file.GetAudio());
+    file.AddBookmark("b", 600);
+    ASSERT_EQ(Select("200smp", "700smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kTrimStart), SEResult::kDone);
+    EXPECT_EQ(file.GetSelection().start, 0);
+    EXPECT_EQ(file.GetSelection().end, 500);
+    EXPECT_EQ(file.GetBookmarks().GetHead()->position, 400);
+    ASSERT_EQ(Run(SECmd::kTrimEnd), SEResult::kDone);
+    EXPECT_EQ(Samples(file.GetAudio()), Span(original, 200, 700, 1));
+    EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Trim End");
+    // Nothing left to trim on either side: ignored, no undo entry.
+    EXPECT_EQ(Run(SECmd::kTrimEnd), SEResult::kIgnored);
+    ASSERT_EQ(Run(SECmd::kSelectNone), SEResult::kDone);
+    EXPECT_EQ(Run(SECmd::kTrimStart), SEResult::kIgnored);
+    EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Trim End");
+}
+
+TEST_F(EditorTest, BadSelectionsAndEmptyClipboardAreRefusedWithTheDocumentUnchanged) {
+    SEFile& file = AddRamp(44100, 1);
+    ASSERT_EQ(Select("0:00.250", "0:00.500"), SEResult::kDone);
+    EXPECT_EQ(file.GetSelection().start, 11025);
+    EXPECT_EQ(file.GetSelection().end, 22050);
+
+    EXPECT_EQ(Select("0:00.600", "0:00.100"), SEResult::kFailed);
+    EXPECT_NE(m_dialog->GetLastError().find("before its start"), std::string::npos);
+    EXPECT_EQ(Select("-1", "2"), SEResult::kFailed);
+    EXPECT_EQ(Select("abc", "2"), SEResult::kFailed);
+    EXPECT_EQ(Cursor("-5smp"), SEResult::kFailed);
+    EXPECT_EQ(file.GetSelection().start, 11025);
+    EXPECT_EQ(file.GetSelection().end, 22050);
+
+    // Past the end means "to the end".
+    ASSERT_EQ(Select("0:00.500", "1:00"), SEResult::kDone);
+    EXPECT_EQ(file.GetSelection().end, 44100);
+    ASSERT_EQ(Cursor("99"), SEResult::kDone);
+    EXPECT_EQ(file.GetCursor(), 44100);
+
+    EXPECT_EQ(Run(SECmd::kPaste), SEResult::kFailed);
+    EXPECT_EQ(m_ui.GetMessages().back().text,
+              "The clipboard is empty: copy or cut some audio first.");
+    EXPECT_EQ(Run(SECmd::kPasteAsNew), SEResult::kFailed);
+    EXPECT_EQ(m_dialog->GetWindows().GetCount(), 1u);
+    EXPECT_FALSE(file.CanUndo());
+    EXPECT_EQ(Run(SECmd::kUndo), SEResult::kIgnored);
+    EXPECT_EQ(Run(SECmd::kRedo), SEResult::kIgnored);
+    EXPECT_EQ(Run(SECmd::kCopy), SEResult::kFailed); // nothing selected at the cursor
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 44100);
+    EXPECT_FALSE(file.IsModified());
+}
+
+TEST_F(EditorTest, DispatchNeedsADocumentAndKnowsWhatIsNotBuilt) {
+    EXPECT_EQ(Run(SECmd::kUndo), SEResult::kIgnored);
+    EXPECT_EQ(Run(SECmd::kCut), SEResult::kIgnored);
+    EXPECT_EQ(Run(SECmd::kSelectAll), SEResult::kIgnored);
+    EXPECT_FALSE(m_ui.IsUndoEnabled());
+    EXPECT_FALSE(m_ui.IsRedoEnabled());
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo ");
+    EXPECT_TRUE(m_ui.GetMessages().empty());
+    EXPECT_EQ(Run(123456), SEResult::kUnknown);
+
+    SEFile& file = AddRamp(1000, 1);
+    // The edit menu's Cut arrives as a four-character code, not as a number of the 2000s.
+    EXPECT_EQ(SECmd::kCut, 1668641824);
+    ASSERT_EQ(Select("0smp", "100smp"), SEResult::kDone);
+    ASSERT_EQ(Run(0x63757420), SEResult::kDone);
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 900);
+    EXPECT_TRUE(m_ui.IsUndoEnabled());
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Cut");
+
+    EXPECT_EQ(Run(4001), SEResult::kUnavailable);
+    EXPECT_EQ(m_ui.GetMessages().back().text,
+              "\"Amplify louder or softer\" is not available in this version of Tessel.");
+    EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Cut");
+
+    // Every command of the table is either handled or reported, never silently taken.
+    for (SECommandInfo const& c : SECommandTable()) {
+        if (c.id == SECmd::kClose || c.id == SECmd::kOpen || c.id == SECmd::kSave ||
+            c.id == SECmd::kSaveAs || c.id == SECmd::kSaveAll || c.id == SECmd::kSaveChanges) {
+            continue; // these ask for files; covered where that is the point
+        }
+        m_ui.SetValues({});
+        SEResult const result = m_dialog->Command(c.id);
+        EXPECT_NE(result, SEResult::kUnknown) << c.name;
+        EXPECT_EQ(result == SEResult::kUnavailable, !c.built) << c.name;
+    }
+}
+
+TEST_F(EditorTest, SeveralDocumentsClosingAndNewOnes) {
+    SEFile& first = AddRamp(100, 1, 44100, "one.wav");
+    AddRamp(200, 1, 44100, "two.wav");
+    EXPECT_EQ(Current().GetAudio().GetLengthFrames(), 200);
+    EXPECT_EQ(Run(SECmd::kWindow, {{"index", "3"}}), SEResult::kFailed);
+    ASSERT_EQ(Run(SECmd::kWindow, {{"index", "1"}}), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kSelectAll), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kDelete), SEResult::kDone);
+    EXPECT_EQ(first.GetAudio().GetLengthFrames(), 0);
+    EXPECT_EQ(m_dialog->GetWindows().At(1)->GetFile()->GetAudio().GetLengthFrames(), 200);
+
+    // Closing a modified document asks; Cancel keeps it, "Don't Save" closes it.
+    m_ui.QueueAnswer("Cancel");
+    EXPECT_EQ(Run(SECmd::kClose), SEResult::kCancelled);
+    EXPECT_EQ(m_dialog->GetWindows().GetCount(), 2u);
+    EXPECT_EQ(m_ui.GetMessages().back().text,
+              "Save the changes to \"" + PathOf("one.wav") + "\" before closing?");
+    m_ui.QueueAnswer("Don't Save");
+    EXPECT_EQ(Run(SECmd::kClose), SEResult::kDone);
+    ASSERT_EQ(m_dialog->GetWindows().GetCount(), 1u);
+    EXPECT_EQ(Current().GetAudio().GetLengthFrames(), 200);
+    // An unmodified document closes without a question.
+    std::size_t const shown = m_ui.GetMessages().size();
+    EXPECT_EQ(Run(SECmd::kClose), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetMessages().size(), shown);
+    EXPECT_EQ(m_dialog->GetCurrentView(), nullptr);
+
+    ASSERT_TRUE(m_settings->SetString("Settings", "FileNameFormat", "Take %autonumber%"));
+    ASSERT_EQ(Run(SECmd::kNew), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kNew), SEResult::kDone);
+    EXPECT_STREQ(Current().GetPath(), "Take 2");
+    EXPECT_TRUE(Current().IsModified());
+    EXPECT_EQ(m_settings->GetInt("Settings", "iAutoNumber", 0), 3);
+
+    AddRamp(300, 2, 48000, "three.wav");
+    ASSERT_EQ(Select("0smp", "300smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kCopy), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kPasteAsNew), SEResult::kDone);
+    EXPECT_STREQ(Current().GetPath(), "Take 3");
+    EXPECT_EQ(Current().GetAudio().GetSampleRate(), 48000);
+    EXPECT_EQ(Current().GetAudio().GetLengthFrames(), 300);
+    // Pasting into an empty new document takes the clip's format instead of converting it.
+    ASSERT_EQ(Run(SECmd::kWindow, {{"index", "2"}}), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kPaste), SEResult::kDone);
+    EXPECT_EQ(Current().GetAudio().GetChannels(), 2);
+    EXPECT_EQ(Current().GetAudio().GetLengthFrames(), 300);
+}
+
+TEST_F(EditorTest, AfterAnEditTheLowSpaceWarningAndAutomaticPlayback) {
+    SEFile& file = AddRamp(100, 1);
+    ASSERT_EQ(Select("0smp", "10smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kDelete), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetPlaybackStarts(), 0);
+    EXPECT_TRUE(m_ui.GetMessages().empty());
+
+    ASSERT_TRUE(m_settings->SetString("Settings", "AutoPlaybackAfterEffects", "1"));
+    ASSERT_EQ(Select("0smp", "10smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kDelete), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetPlaybackStarts(), 1);
+    ASSERT_TRUE(m_settings->SetString("Settings", "AutoPlaybackAfterEffects", "0"));
+
+    // Silence costs no disk, so a document far larger than any disk is cheap to make.
+    file.GetAudio().EfInsertSilence(0, 1LL << 45);
+    ASSERT_EQ(Select("0smp", "10smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kDelete), SEResult::kDone);
+    ASSERT_EQ(m_ui.GetMessages().size(), 1u);
+    EXPECT_EQ(m_ui.GetMessages()[0].title, "Low Disk Space");
+    EXPECT_EQ(m_ui.GetMessages()[0].text,
+              "The last action you performed to the file \"" + PathOf("ramp.wav") +
+                  "\" might not be saved because you have very low free disk space. Please try "
+                  "saving the file to a different location or making more space by removing "
+                  "unwanted files then try again.");
+    // A warning only: the edit stays.
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), (1LL << 45) + 80 - 10);
+    EXPECT_EQ(m_ui.GetPlaybackStarts(), 1);
+}
+
+TEST_F(EditorTest, ThirtyChangesGiveTwentyNineUndosAndRedosThroughTheMenu) {
+    SEFile& file = AddRamp(100, 1);
+    for (int i = 0; i < 35; ++i) {
+        ASSERT_EQ(Run(SECmd::kBookmark, {{"name", "m" + std::to_string(i)}}), SEResult::kDone);
+    }
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Bookmark");
+    int undone = 0;
+    while (Run(SECmd::kUndo) == SEResult::kDone) {
+        ++undone;
+    }
+    EXPECT_EQ(undone, 29);
+    EXPECT_EQ(file.GetBookmarks().GetCount(), 35u - 29u);
+    EXPECT_FALSE(m_ui.IsUndoEnabled());
+    EXPECT_EQ(m_ui.GetRedoText(), "Redo Bookmark");
+    int redone = 0;
+    while (Run(SECmd::kRedo) == SEResult::kDone) {
+        ++redone;
+    }
+    EXPECT_EQ(redone, 29);
+    EXPECT_EQ(file.GetBookmarks().GetCount(), 35u);
+    EXPECT_FALSE(m_ui.IsRedoEnabled());
+}
+
+TEST_F(EditorTest, SavingReplacesTheFileOnlyWhenCompleteAndMakesTheDocumentClean) {
+    std::string const path = PathOf("song.wav");
+    {
+        LSoundSource tone = LMakeSource<LTestBufferSource>(44100, 2, Ramp(400000, 2));
+        LTestProcess process;
+        ASSERT_EQ(ProcessGenSaveSource(process, tone, path.c_str(), 44100, 2, nullptr, nullptr),
+                  LProcessResult::kCompleted);
+    }
+    std::string const before = ReadFileBytes(path);
+    ASSERT_EQ(Run(SECmd::kOpen, {{"path", path}}), SEResult::kDone);
+    SEFile& file = Current();
+    EXPECT_FALSE(file.IsModified());
+    ASSERT_EQ(Select("0smp", "1000smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kDelete), SEResult::kDone);
+    std::vector<std::string> const names = ListNames();
+
+    // Stopped part-way: the old file is untouched and nothing is left beside it.
+    m_ui.StopAfterProgressReports(2);
+    EXPECT_EQ(Run(SECmd::kSave), SEResult::kCancelled);
+    m_ui.StopAfterProgressReports(-1);
+    EXPECT_EQ(ReadFileBytes(path), before);
+    EXPECT_EQ(ListNames(), names);
+    EXPECT_TRUE(file.IsModified());
+
+    m_ui.ClearEvents();
+    ASSERT_EQ(Run(SECmd::kSave), SEResult::kDone);
+    EXPECT_FALSE(file.IsModified());
+    EXPECT_EQ(m_ui.GetEvents(), std::vector<int>{kSEEventDocumentClean});
+    LCutListAudio saved;
+    LTestProcess process;
+    ASSERT_EQ(ProcessGenOpenCutList(process, path.c_str(), saved), LProcessResult::kCompleted);
+    EXPECT_EQ(saved.GetLengthFrames(), 399000);
+
+    // Save, change, undo: clean again; redo: modified; revert: back to the saved state.
+    ASSERT_EQ(Select("0smp", "10smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kDelete), SEResult::kDone);
+    EXPECT_TRUE(file.IsModified());
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    EXPECT_FALSE(file.IsModified());
+    EXPECT_EQ(m_ui.GetEvents().back(), kSEEventDocumentClean);
+    ASSERT_EQ(Run(SECmd::kRedo), SEResult::kDone);
+    EXPECT_TRUE(file.IsModified());
+    EXPECT_EQ(m_ui.GetEvents().back(), kSEEventDocumentModified);
+    ASSERT_EQ(Select("0smp", "10smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kDelete), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kRevert), SEResult::kDone);
+    EXPECT_FALSE(file.IsModified());
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 399000);
+
+    // Save as: the document takes the new name; a failed save leaves everything as it was.
+    ASSERT_EQ(Run(SECmd::kSaveAs, {{"path", PathOf("copy.wav")}}), SEResult::kDone);
+    EXPECT_EQ(std::string(file.GetPath()), PathOf("copy.wav"));
+    EXPECT_EQ(Run(SECmd::kSaveAs, {{"path", PathOf("missing/x.wav")}}), SEResult::kFailed);
+    EXPECT_EQ(std::string(file.GetPath()), PathOf("copy.wav"));
+    EXPECT_EQ(Run(SECmd::kSaveAs), SEResult::kCancelled); // no file chosen
+    EXPECT_EQ(Run(SECmd::kOpen, {{"path", PathOf("nothing.wav")}}), SEResult::kFailed);
+    EXPECT_EQ(m_ui.GetMessages().back().title, "Open");
+}
+
+// A model of the audio with a plain undo and redo stack; the editor must agree with it after
+// every step. The ring keeps about 29 states, so the editor may refuse an undo once the model
+// holds that many; the model then forgets its older states too.
+TEST_F(EditorTest, RandomEditsUndosAndRedosAgreeWithAModel) {
+    constexpr unsigned kChannels = 2;
+    SEFile& file = AddRamp(3000, kChannels);
+    struct State {
+        std::vector<float> samples;
+        int id;
+    };
+    State current{Samples(file.GetAudio()), 0};
+    int savedId = 0;
+    int nextId = 1;
+    std::vector<State> undo;
+    std::vector<State> redo;
+    std::vector<float> clipboard;
+    bool hasClipboard = false;
+    std::mt19937 random(20261122);
+    auto const frames = [&] { return static_cast<long long>(current.samples.size() / kChannels); };
+    auto const pick = [&](long long n) {
+        return std::uniform_int_distribution<long long>(0, n)(random);
+    };
+    auto const change = [&](std::vector<float> samples) {
+        undo.push_back(current);
+        redo.clear();
+        current = State{std::move(samples), nextId++};
+    };
+    for (int step = 0; step < 600; ++step) {
+        long long a = pick(frames());
+        long long b = pick(frames());
+        if (a > b) {
+            std::swap(a, b);
+        }
+        SCOPED_TRACE("step " + std::to_string(step));
+        std::vector<float> const& s = current.samples;
+        auto const at = [&](long long f) { return s.begin() + f * kChannels; };
+        switch (std::uniform_int_distribution<int>(0, 9)(random)) {
+        case 0:   // cut
+        case 1:   // delete
+        case 2: { // copy
+            int const kind = static_cast<int>(step % 3);
+            ASSERT_EQ(
+                Select((std::to_string(a) + "smp").c_str(), (std::to_string(b) + "smp").c_str()),
+                SEResult::kDone);
+            int const id = kind == 0 ? SECmd::kCut : kind == 1 ? SECmd::kDelete : SECmd::kCopy;
+            SEResult const result = Run(id);
+            if (a == b) {
+                EXPECT_NE(result, SEResult::kDone);
+                break;
+            }
+            ASSERT_EQ(result, SEResult::kDone);
+            if (id != SECmd::kDelete) {
+                clipboard.assign(at(a), at(b));
+                hasClipboard = true;
+            }
+            if (id != SECmd::kCopy) {
+                std::vector<float> next(s.begin(), at(a));
+                next.insert(next.end(), at(b), s.end());
+                change(std::move(next));
+            }
+            break;
+        }
+        case 3: { // paste over a selection or at the cursor
+            if (pick(1) == 0) {
+                b = a;
+            }
+            ASSERT_EQ(
+                Select((std::to_string(a) + "smp").c_str(), (std::to_string(b) + "smp").c_str()),
+                SEResult::kDone);
+            if (a == b) {
+                ASSERT_EQ(Cursor((std::to_string(a) + "smp").c_str()), SEResult::kDone);
+            }
+            SEResult const result = Run(SECmd::kPaste);
+            if (!hasClipboard) {
+                EXPECT_EQ(result, SEResult::kFailed);
+                break;
+            }
+            ASSERT_EQ(result, SEResult::kDone);
+            std::vector<float> next(s.begin(), at(a));
+            next.insert(next.end(), clipboard.begin(), clipboard.end());
+            next.insert(next.end(), at(b), s.end());
+            change(std::move(next));
+            break;
+        }
+        case 4: { // silence or reverse
+            ASSERT_EQ(
+                Select((std::to_string(a) + "smp").c_str(), (std::to_string(b) + "smp").c_str()),
+                SEResult::kDone);
+            bool const reverse = pick(1) == 0;
+            SEResult const result = Run(reverse ? SECmd::kReverse : SECmd::kSilence);
+            if (a == b && !reverse) {
+                EXPECT_EQ(result, SEResult::kIgnored);
+                break;
+            }
+            ASSERT_EQ(result, SEResult::kDone);
+            std::vector<float> next = s;
+            long long const from = a == b ? 0 : a;
+            long long const to = a == b ? frames() : b;
+            for (long long f = from; f < to; ++f) {
+                for (unsigned c = 0; c < kChannels; ++c) {
+                    next[f * kChannels + c] =
+                        reverse ? s[(from + to - 1 - f) * kChannels + c] : 0.0f;
+                }
+            }
+            if (from < to || reverse) {
+                change(std::move(next));
+            }
+            break;
+        }
+        case 5:
+        case 6: { // undo
+            SEResult const result = Run(SECmd::kUndo);
+            if (result == SEResult::kDone) {
+                ASSERT_FALSE(undo.empty());
+                redo.push_back(current);
+                current = undo.back();
+                undo.pop_back();
+            } else {
+                ASSERT_TRUE(undo.empty() || undo.size() >= 27) << undo.size();
+                undo.clear();
+            }
+            break;
+        }
+        case 7:
+        case 8: { // redo
+            SEResult const result = Run(SECmd::kRedo);
+            ASSERT_EQ(result == SEResult::kDone, !redo.empty());
+            if (result == SEResult::kDone) {
+                undo.push_back(current);
+                current = redo.back();
+                redo.pop_back();
+            }
+            break;
+        }
+        case 9: { // save
+            ASSERT_EQ(Run(SECmd::kSave), SEResult::kDone);
+            savedId = current.id;
+            break;
+        }
+        }
+        ASSERT_EQ(Samples(file.GetAudio()), current.samples);
+        ASSERT_EQ(file.IsModified(), current.id != savedId);
+    }
+}
+
+} // namespace
