@@ -80,6 +80,8 @@ void LCliPrintEditCommands() {
     }
     std::puts("\nSettings: select start=TIME end=TIME; cursor position=TIME; open path=FILE;\n"
               "save-as path=FILE; window index=N; bookmark name=TEXT;\n"
+              "delete-bookmark name=TEXT; rename-bookmark name=TEXT to=TEXT;\n"
+              "region name=TEXT; modify-region name=TEXT start=TIME end=TIME;\n"
               "edit-samples points=TIME:VALUE,... TIME is h:mm:ss.fff (or shorter: 1:30,\n"
               "90, 2.5) or a frame count such as 44100smp.");
 }

@@ -140,6 +140,15 @@ SEResult MainDialog::Dispatch(int id) {
         return CmWindow();
     case SECmd::kBookmark:
         return CmBookmark();
+    case SECmd::kDeleteBookmark:
+    case SECmd::kRenameBookmark:
+        return CmBookmarkEdit(id);
+    case SECmd::kDeleteAllBookmarks:
+        return m_core.CmBookmarkDeleteAll(nullptr);
+    case SECmd::kSetRegion:
+        return CmSetRegion();
+    case SECmd::kModifyRegion:
+        return CmModifyRegion();
     case SECmd::kSaveAll:
         return CmSaveAll();
     case SECmd::kUndo:
@@ -402,4 +411,44 @@ SEResult MainDialog::CmBookmark() {
         return SEResult::kCancelled;
     }
     return m_core.CmBookmark(view, fields[0].value.c_str());
+}
+
+SEResult MainDialog::CmBookmarkEdit(int id) {
+    SEFileGUI* const view = GetCurrentView();
+    bool const rename = id == SECmd::kRenameBookmark;
+    SECommandFields fields{{"name", "Bookmark", ""}};
+    if (rename) {
+        fields.push_back({"to", "New name", ""});
+    }
+    if (!m_ui.AskValues(rename ? "Rename Bookmark" : "Delete Bookmark", fields)) {
+        return SEResult::kCancelled;
+    }
+    return rename ? m_core.CmRenameBookmark(view, fields[0].value.c_str(), fields[1].value.c_str())
+                  : m_core.CmDeleteBookmark(view, fields[0].value.c_str());
+}
+
+SEResult MainDialog::CmSetRegion() {
+    std::size_t const count = SESharedRegions().GetCount();
+    SECommandFields fields{{"name", "Name", LStrFormat("Region %zu", count + 1)}};
+    if (!m_ui.AskValues("Add a region", fields)) {
+        return SEResult::kCancelled;
+    }
+    return m_core.CmSetRegion(GetCurrentView(), fields[0].value.c_str());
+}
+
+SEResult MainDialog::CmModifyRegion() {
+    SEFileGUI* const view = GetCurrentView();
+    int const rate = view->GetFile()->GetAudio().GetSampleRate();
+    SECommandFields fields{{"name", "Region", ""}, {"start", "Start", "0"}, {"end", "End", "0"}};
+    if (!m_ui.AskValues("Modify Region", fields)) {
+        return SEResult::kCancelled;
+    }
+    long long start = 0;
+    long long end = 0;
+    if (!SEParsePosition(fields[1].value.c_str(), rate, start) ||
+        !SEParsePosition(fields[2].value.c_str(), rate, end)) {
+        return BadValue("Modify Region", "The region's start and end must be times or sample "
+                                         "positions.");
+    }
+    return m_core.CmModifyRegion(view, fields[0].value.c_str(), start, end);
 }

@@ -45,6 +45,9 @@ public:
     SEResult CmPasteAsNew();
     SEResult CmWindow();
     SEResult CmBookmark();
+    SEResult CmBookmarkEdit(int id);
+    SEResult CmSetRegion();
+    SEResult CmModifyRegion();
 
     // Recomputes the Undo and Redo items from the current document's ring.
     void UpdateUndoMenuItem();

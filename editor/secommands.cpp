@@ -108,7 +108,12 @@ constexpr std::array kCommands = {
     SECommandInfo{7006, "sound-library", "Load from sound library", kNoDoc, kLater},
 
     SECommandInfo{8001, "bookmark", "Set a bookmark at the cursor", kDoc, kBuilt},
+    SECommandInfo{8002, "delete-bookmark", "Delete a bookmark", kDoc, kBuilt},
+    SECommandInfo{8003, "rename-bookmark", "Rename a bookmark", kDoc, kBuilt},
+    SECommandInfo{8004, "delete-all-bookmarks", "Delete all bookmarks", kDoc, kBuilt},
     SECommandInfo{8005, "assemble-regions", "Assemble regions into a file", kNoDoc, kLater},
+    SECommandInfo{8006, "region", "Add a region", kDoc, kBuilt},
+    SECommandInfo{8007, "modify-region", "Move a region", kDoc, kBuilt},
     SECommandInfo{8011, "save-all", "Save all files", kNoDoc, kBuilt},
 
     SECommandInfo{9401, "undo", "Undo last action", kDoc, kBuilt},

@@ -61,6 +61,11 @@ inline constexpr int kWindow = 5020;
 
 inline constexpr int kBatchConvert = 7003;
 inline constexpr int kBookmark = 8001;
+inline constexpr int kDeleteBookmark = 8002;
+inline constexpr int kRenameBookmark = 8003;
+inline constexpr int kDeleteAllBookmarks = 8004;
+inline constexpr int kSetRegion = 8006;
+inline constexpr int kModifyRegion = 8007;
 inline constexpr int kSaveAll = 8011;
 
 inline constexpr int kUndo = 9401;

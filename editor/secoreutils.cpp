@@ -512,6 +512,102 @@ SEResult SECoreUtils::CmBookmark(SEFileGUI* view, char const* name) {
     return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
 }
 
+namespace {
+
+SERegion* FindRegion(char const* name) {
+    for (SERegion* r = SESharedRegions().GetHead(); r != nullptr; r = r->GetNext()) {
+        if (std::strcmp(r->name, name) == 0) {
+            return r;
+        }
+    }
+    return nullptr;
+}
+
+bool HasBookmark(SEFile const& file, char const* name) {
+    for (LSEBookmark const* b = file.GetBookmarks().GetHead(); b != nullptr; b = b->GetNext()) {
+        if (std::strcmp(b->name, name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+SEResult SECoreUtils::CmDeleteBookmark(SEFileGUI* view, char const* name) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (!HasBookmark(*v->GetFile(), name)) {
+        return Fail("Delete Bookmark", LStrFormat("There is no bookmark named \"%s\".", name));
+    }
+    LFileModifier modifier(*this, "Delete Bookmark", v);
+    (void)v->GetFile()->DeleteBookmark(name);
+    return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
+}
+
+SEResult SECoreUtils::CmRenameBookmark(SEFileGUI* view, char const* name, char const* newName) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (!HasBookmark(*v->GetFile(), name)) {
+        return Fail("Rename Bookmark", LStrFormat("There is no bookmark named \"%s\".", name));
+    }
+    LFileModifier modifier(*this, "Rename Bookmark", v);
+    (void)v->GetFile()->RenameBookmark(name, newName);
+    return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
+}
+
+SEResult SECoreUtils::CmBookmarkDeleteAll(SEFileGUI* view) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (v->GetFile()->GetBookmarks().GetCount() == 0) {
+        m_lastError = "The file has no bookmarks.";
+        return SEResult::kIgnored;
+    }
+    LFileModifier modifier(*this, "Delete all bookmarks", v);
+    v->GetFile()->DeleteAllBookmarks();
+    return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
+}
+
+SEResult SECoreUtils::CmSetRegion(SEFileGUI* view, char const* name) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SESelectionState const& s = v->GetFile()->GetSelection();
+    if (s.start == s.end) {
+        return Fail("Add a region", "Select the part of the file the region is to cover.");
+    }
+    LFileModifier modifier(*this, "Add a region", v);
+    SESharedRegions().AddTail(std::make_unique<SERegion>(name, s.start, s.end));
+    return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
+}
+
+SEResult SECoreUtils::CmModifyRegion(SEFileGUI* view, char const* name, long long start,
+                                     long long end) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (FindRegion(name) == nullptr) {
+        return Fail("Modify Region", LStrFormat("There is no region named \"%s\".", name));
+    }
+    if (end < start || start < 0) {
+        return Fail("Modify Region", "The region's end is before its start.");
+    }
+    LFileModifier modifier(*this, "Modify Region", v);
+    // Found again: the snapshot copied the list, and the region object stays the live one.
+    SERegion* const region = FindRegion(name);
+    region->start = start;
+    region->end = end;
+    return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
+}
+
 // ---- saving ----
 
 SEResult SECoreUtils::SaveTo(SEFileGUI& view, std::string const& path) {

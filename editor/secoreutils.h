@@ -71,6 +71,13 @@ public:
     SEResult CmReverse(SEFileGUI* view);
     SEResult CmEditSamples(SEFileGUI* view, std::vector<SESamplePoint> const& points);
     SEResult CmBookmark(SEFileGUI* view, char const* name);
+    SEResult CmDeleteBookmark(SEFileGUI* view, char const* name);
+    SEResult CmRenameBookmark(SEFileGUI* view, char const* name, char const* newName);
+    SEResult CmBookmarkDeleteAll(SEFileGUI* view);
+    // Adds the selection as a region of the application's shared list ("Add a region").
+    SEResult CmSetRegion(SEFileGUI* view, char const* name);
+    // Moves the region `name` to [start, end) ("Modify Region").
+    SEResult CmModifyRegion(SEFileGUI* view, char const* name, long long start, long long end);
     // Saves to the document's file; a document never saved asks for a name (CmSaveAs).
     SEResult CmSave(SEFileGUI* view);
     // Saves under `path`, or asks for one when it is null; the document takes the new name.

@@ -234,6 +234,16 @@ bool SEFile::DeleteBookmark(char const* name) {
     return false;
 }
 
+bool SEFile::RenameBookmark(char const* name, char const* newName) {
+    for (LSEBookmark* b = m_bookmarks.GetHead(); b != nullptr; b = b->GetNext()) {
+        if (std::strcmp(b->name, name != nullptr ? name : "") == 0) {
+            LStrCopy(b->name, sizeof b->name, newName != nullptr ? newName : "");
+            return true;
+        }
+    }
+    return false;
+}
+
 void SEFile::OffsetBookmarks(long long from, long long offset) {
     for (LSEBookmark* b = m_bookmarks.GetHead(); b != nullptr; b = b->GetNext()) {
         if (b->position >= from) {

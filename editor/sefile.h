@@ -134,6 +134,9 @@ public:
     void AddBookmark(char const* name, long long position);
     // False when no bookmark has that name.
     bool DeleteBookmark(char const* name);
+    // False when no bookmark has the name `name`.
+    bool RenameBookmark(char const* name, char const* newName);
+    void DeleteAllBookmarks() { m_bookmarks.Clear(); }
     // Moves the bookmarks at or after `from` by `offset` (those that would fall before `from`
     // land on it).
     void OffsetBookmarks(long long from, long long offset);

@@ -462,6 +462,39 @@ TEST_F(EditorTest, ThirtyChangesGiveTwentyNineUndosAndRedosThroughTheMenu) {
     EXPECT_FALSE(m_ui.IsRedoEnabled());
 }
 
+TEST_F(EditorTest, BookmarkAndRegionChangesAreUndoable) {
+    SEFile& file = AddRamp(1000, 1);
+    ASSERT_EQ(Cursor("100smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kBookmark), SEResult::kDone);
+    EXPECT_STREQ(file.GetBookmarks().GetHead()->name, "Bookmark 1");
+    ASSERT_EQ(Run(SECmd::kRenameBookmark, {{"name", "Bookmark 1"}, {"to", "Chorus"}}),
+              SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Rename Bookmark");
+    EXPECT_STREQ(file.GetBookmarks().GetHead()->name, "Chorus");
+    EXPECT_EQ(Run(SECmd::kDeleteBookmark, {{"name", "Verse"}}), SEResult::kFailed);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Rename Bookmark");
+    ASSERT_EQ(Run(SECmd::kDeleteBookmark, {{"name", "Chorus"}}), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Delete Bookmark");
+    EXPECT_EQ(file.GetBookmarks().GetCount(), 0u);
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    EXPECT_STREQ(file.GetBookmarks().GetHead()->name, "Bookmark 1");
+
+    ASSERT_EQ(Select("200smp", "300smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kSetRegion, {{"name", "intro"}}), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Add a region");
+    ASSERT_EQ(
+        Run(SECmd::kModifyRegion, {{"name", "intro"}, {"start", "250smp"}, {"end", "400smp"}}),
+        SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Modify Region");
+    EXPECT_EQ(SESharedRegions().GetHead()->start, 250);
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    EXPECT_EQ(SESharedRegions().GetHead()->start, 200);
+    EXPECT_EQ(SESharedRegions().GetHead()->end, 300);
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    EXPECT_EQ(SESharedRegions().GetCount(), 0u);
+}
+
 TEST_F(EditorTest, SavingReplacesTheFileOnlyWhenCompleteAndMakesTheDocumentClean) {
     std::string const path = PathOf("song.wav");
     {
