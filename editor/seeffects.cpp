@@ -44,6 +44,13 @@ LProcessResult SEEfCutListProcess::ProcessAndInsertCutList(LProcessInterface& pr
     if (result != LProcessResult::kCompleted) {
         return result;
     }
+    // The insert would refuse a result that makes the document too long, after the delete had
+    // already removed the range; check first so that nothing is lost.
+    long long const rest = document.GetLengthFrames() - (end - s.start);
+    if (part.GetLengthFrames() > kLCutListMaxFrames - rest) {
+        process.SetError("The result would be longer than the longest file Tessel can edit.");
+        return LProcessResult::kFailed;
+    }
     document.EfDelete(s.start, end);
     document.EfInsert(s.start, part);
     return LProcessResult::kCompleted;
@@ -164,7 +171,7 @@ SEEfEditSamples::SEEfEditSamples(std::shared_ptr<SEFile> file, SESelection const
 
 LProcessResult SEEfEditSamples::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
     long long const frames = part.GetLengthFrames();
-    if (frames > kMaxFrames) {
+    if (frames * part.GetChannels() > kMaxSamples) {
         process.SetError("The selection is too long to draw samples in. Zoom in and select a "
                          "shorter range.");
         return LProcessResult::kFailed;

@@ -105,11 +105,11 @@ struct SESamplePoint {
     float value = 0.0f;
 };
 
-// Writes drawn values into the part. The part is read into memory, so the selection for a
-// drawing is bounded (kMaxFrames); larger ones fail with a message.
+// Writes drawn values into the part. The part is read into memory, so the span of a drawing is
+// bounded (kMaxSamples values over all channels); larger ones fail with a message.
 class SEEfEditSamples final : public SEEfCutListProcess {
 public:
-    static constexpr long long kMaxFrames = 1 << 22;
+    static constexpr long long kMaxSamples = 1 << 24;
     SEEfEditSamples(std::shared_ptr<SEFile> file, SESelection const& selection,
                     std::vector<SESamplePoint> points);
     [[nodiscard]] char const* GetEffectName() const override { return "Edit Samples"; }

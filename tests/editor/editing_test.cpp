@@ -325,6 +325,22 @@ TEST_F(EditorTest, BadSelectionsAndEmptyClipboardAreRefusedWithTheDocumentUnchan
     EXPECT_FALSE(file.IsModified());
 }
 
+TEST_F(EditorTest, APasteThatWouldOverflowTheDocumentLosesNothing) {
+    AddRamp(1000, 1, 44100, "clip.wav");
+    ASSERT_EQ(Run(SECmd::kSelectAll), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kCopy), SEResult::kDone);
+    SEFile& big = AddRamp(100, 1, 44100, "big.wav");
+    big.GetAudio().EfInsertSilence(100, kLCutListMaxFrames - 600);
+    std::size_t const segments = big.GetAudio().GetSegmentCount();
+    ASSERT_EQ(Select("0smp", "50smp"), SEResult::kDone);
+    EXPECT_EQ(Run(SECmd::kPaste), SEResult::kFailed);
+    EXPECT_EQ(m_dialog->GetLastError(),
+              "The result would be longer than the longest file Tessel can edit.");
+    EXPECT_EQ(big.GetAudio().GetLengthFrames(), kLCutListMaxFrames - 500);
+    EXPECT_EQ(big.GetAudio().GetSegmentCount(), segments);
+    EXPECT_FALSE(big.CanUndo());
+}
+
 TEST_F(EditorTest, DispatchNeedsADocumentAndKnowsWhatIsNotBuilt) {
     EXPECT_EQ(Run(SECmd::kUndo), SEResult::kIgnored);
     EXPECT_EQ(Run(SECmd::kCut), SEResult::kIgnored);
