@@ -297,6 +297,9 @@ SEResult MainDialog::CmWindow() {
 
 SEResult MainDialog::CmSelectAll() {
     SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
     long long const length = view->GetFile()->GetAudio().GetLengthFrames();
     m_core.ModifySelection(view, 0, length, 0);
     return SEResult::kDone;
@@ -304,6 +307,9 @@ SEResult MainDialog::CmSelectAll() {
 
 SEResult MainDialog::CmSelectNone() {
     SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
     long long const cursor = view->GetFile()->GetCursor();
     m_core.ModifySelection(view, cursor, cursor, cursor);
     return SEResult::kDone;
@@ -311,6 +317,9 @@ SEResult MainDialog::CmSelectNone() {
 
 SEResult MainDialog::CmSelectRange() {
     SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
     SEFile const& file = *view->GetFile();
     int const rate = file.GetAudio().GetSampleRate();
     SECommandFields fields{{"start", "Start", PositionText(file.GetSelection().start, rate)},
@@ -340,6 +349,9 @@ SEResult MainDialog::CmSelectRange() {
 
 SEResult MainDialog::CmSetCursor() {
     SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
     SEFile const& file = *view->GetFile();
     int const rate = file.GetAudio().GetSampleRate();
     SECommandFields fields{{"position", "Position", PositionText(file.GetCursor(), rate)}};
@@ -357,6 +369,9 @@ SEResult MainDialog::CmSetCursor() {
 
 SEResult MainDialog::CmEditSamples() {
     SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
     int const rate = view->GetFile()->GetAudio().GetSampleRate();
     SECommandFields fields{{"points", "Points (position:value, ...)", ""}};
     if (!m_ui.AskValues("Edit Samples", fields)) {
@@ -405,6 +420,9 @@ SEResult MainDialog::CmPasteAsNew() {
 
 SEResult MainDialog::CmBookmark() {
     SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
     std::size_t const count = view->GetFile()->GetBookmarks().GetCount();
     SECommandFields fields{{"name", "Name", LStrFormat("Bookmark %zu", count + 1)}};
     if (!m_ui.AskValues("Bookmark", fields)) {
@@ -415,6 +433,9 @@ SEResult MainDialog::CmBookmark() {
 
 SEResult MainDialog::CmBookmarkEdit(int id) {
     SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
     bool const rename = id == SECmd::kRenameBookmark;
     SECommandFields fields{{"name", "Bookmark", ""}};
     if (rename) {
@@ -438,6 +459,9 @@ SEResult MainDialog::CmSetRegion() {
 
 SEResult MainDialog::CmModifyRegion() {
     SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
     int const rate = view->GetFile()->GetAudio().GetSampleRate();
     SECommandFields fields{{"name", "Region", ""}, {"start", "Start", "0"}, {"end", "End", "0"}};
     if (!m_ui.AskValues("Modify Region", fields)) {
