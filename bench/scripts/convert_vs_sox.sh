@@ -10,29 +10,11 @@ cli=${1:-build/release/cli/tessel-cli}
 command -v sox >/dev/null || { echo "sox is not installed" >&2; exit 1; }
 work=$(mktemp -d "${TMPDIR:-/tmp}/tessel-convert-bench.XXXXXX")
 trap 'rm -rf "$work"' EXIT
+# shellcheck source=bench/scripts/timing.sh
+source "$(dirname "${BASH_SOURCE[0]}")/timing.sh"
 
 "$cli" synth "$work/in.wav" --seconds 600 --hz 997 --rate 44100 --channels 2 --bits 16
 cat "$work/in.wav" >/dev/null
-
-best() { # best wall time in seconds of three runs of "$@"
-    local best=""
-    for _ in 1 2 3; do
-        local start end t
-        start=$(date +%s.%N)
-        "$@" >/dev/null 2>&1
-        end=$(date +%s.%N)
-        t=$(awk -v a="$end" -v b="$start" 'BEGIN { printf "%.6f", a - b }')
-        if [ -z "$best" ] || awk -v t="$t" -v b="$best" 'BEGIN { exit !(t < b) }'; then
-            best=$t
-        fi
-    done
-    echo "$best"
-}
-
-report() { # label, ours, theirs
-    awk -v l="$1" -v o="$2" -v t="$3" \
-        'BEGIN { printf "%-24s tessel-cli %6.3f s   sox %6.3f s   ratio %.2f\n", l, o, t, t / o }'
-}
 
 ours=$(best "$cli" convert "$work/in.wav" "$work/ours16.wav" --bits 16)
 theirs=$(best sox "$work/in.wav" -b 16 "$work/sox16.wav")

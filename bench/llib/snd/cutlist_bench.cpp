@@ -16,7 +16,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -166,26 +165,6 @@ void BM_ReadSegments(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * list.GetLengthFrames());
 }
 
-class SummaryReporter final : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(std::vector<Run> const& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (Run const& run : runs) {
-            if (!run.error_occurred && run.run_type == Run::RT_Iteration) {
-                m_seconds[run.benchmark_name()] =
-                    run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-            }
-        }
-    }
-    [[nodiscard]] double Seconds(std::string const& name) const {
-        auto const found = m_seconds.find(name);
-        return found == m_seconds.end() ? 0.0 : found->second;
-    }
-
-private:
-    std::map<std::string, double> m_seconds;
-};
-
 } // namespace
 
 BENCHMARK(BM_DeleteInsert)->Arg(10)->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond);
@@ -202,7 +181,7 @@ BENCHMARK(BM_ReadSegments)
     ->MinTime(2.0);
 
 int main(int argc, char** argv) {
-    SummaryReporter reporter;
+    LBenchTimeReporter reporter;
     if (!LRunBenchmarks(argc, argv, reporter)) {
         return 1;
     }
