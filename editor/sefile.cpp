@@ -7,6 +7,7 @@
 #include <ctime>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 LSEBookmark::LSEBookmark(char const* bookmarkName, long long at) : position(at) {
     LStrCopy(name, sizeof name, bookmarkName != nullptr ? bookmarkName : "");
@@ -83,12 +84,20 @@ void SEFile::AdvanceOldestPastFree() {
 }
 
 void SEFile::SaveForUndo(char const* description) {
+    TakeSnapshot(description, false);
+}
+
+void SEFile::TakeSnapshot(char const* description, bool moveAudio) {
     if (m_undoCurrent == kSEUndoSlots - 2) {
         m_undoWrapped = true;
     }
     m_undoCurrent = Step(m_undoCurrent, 1);
     SEFileUndo& slot = m_undo[m_undoCurrent];
-    slot.audio = m_audio;
+    if (moveAudio) {
+        slot.audio = std::move(m_audio);
+    } else {
+        slot.audio = m_audio;
+    }
     slot.modified = m_modified;
     slot.changed = m_changed;
     slot.selection = m_selection;
@@ -129,8 +138,9 @@ bool SEFile::Undo() {
         return false;
     }
     if (m_undo[Step(m_undoCurrent, 1)].IsFree()) {
-        // The first undo after a change keeps the present state, so it can be redone.
-        SaveForUndo("Redo");
+        // The first undo after a change keeps the present state, so it can be redone. Its audio
+        // is moved, not copied: the state undone to replaces it at once.
+        TakeSnapshot("Redo", true);
         m_undoCurrent = Step(m_undoCurrent, -1);
     }
     UndoRedoApply(m_undoCurrent);

@@ -151,6 +151,9 @@ public:
     void TakeFileTimeStamps();
 
 private:
+    // SaveForUndo; with `moveAudio` the document's cut list is moved into the slot rather than
+    // copied, for callers that replace it next.
+    void TakeSnapshot(char const* description, bool moveAudio);
     static int Step(int slot, int by) { return (slot + by + kSEUndoSlots) % kSEUndoSlots; }
     void AdvanceOldestPastFree();
 
