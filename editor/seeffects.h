@@ -65,7 +65,9 @@ public:
     using SEEfCutListProcess::SEEfCutListProcess;
     [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
                                                 LCutListAudio& part) override;
-    // The effect's source over `input`; the default calls the one-argument form.
+    // The effect's source over `input`; the default calls the one-argument form. A subclass that
+    // overrides one form brings in the other with a using-declaration (the build warns about a
+    // hidden overload).
     [[nodiscard]] virtual LSoundSource OpenSource(LProcessInterface& process, LSoundSource& input);
     [[nodiscard]] virtual LSoundSource OpenSource(LSoundSource& input) { return input; }
 };

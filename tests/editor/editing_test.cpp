@@ -273,6 +273,41 @@ TEST_F(EditorTest, ReverseSilenceAndDrawnSamplesRenderTheSelectionOnly) {
     EXPECT_EQ(Samples(file.GetAudio()), drawn);
 }
 
+// A transforming-source effect whose source replaces the part with known samples of another
+// length: the driver must render it at the part's format and put it in the range's place.
+class SEEfTestReplace final : public SEEfSoundSourceProcess {
+public:
+    using SEEfSoundSourceProcess::SEEfSoundSourceProcess;
+    using SEEfSoundSourceProcess::OpenSource;
+    [[nodiscard]] char const* GetEffectName() const override { return "Replace"; }
+    [[nodiscard]] LSoundSource OpenSource(LSoundSource& input) override {
+        return LMakeSource<LTestBufferSource>(input->GetSampleRate(), input->GetChannels(),
+                                              Ramp(30000, input->GetChannels()));
+    }
+};
+
+TEST_F(EditorTest, SourceEffectsRenderTheirOutputInPlaceOfTheRange) {
+    SEFile& file = AddRamp(1000, 2);
+    std::vector<float> const original = Samples(file.GetAudio());
+    std::shared_ptr<SEFile> const document = m_dialog->GetCurrentView()->GetFilePtr();
+
+    LTestProcess stopped(0);
+    SEEfTestReplace early(document, SESelection{100, 200, 0, 0, false});
+    EXPECT_EQ(early.ProcessAndInsertCutList(stopped), LProcessResult::kStopped);
+    EXPECT_EQ(Samples(file.GetAudio()), original);
+
+    LTestProcess process;
+    SEEfTestReplace effect(document, SESelection{100, 200, 0, 0, false});
+    ASSERT_EQ(effect.ProcessAndInsertCutList(process), LProcessResult::kCompleted);
+    std::vector<float> expected = Span(original, 0, 100, 2);
+    std::vector<float> const made = Ramp(30000, 2);
+    expected.insert(expected.end(), made.begin(), made.end());
+    std::vector<float> const tail = Span(original, 200, 1000, 2);
+    expected.insert(expected.end(), tail.begin(), tail.end());
+    EXPECT_EQ(Samples(file.GetAudio()), expected);
+    EXPECT_EQ(process.statuses.front(), (std::pair<int, std::string>{0, "Replace"}));
+}
+
 TEST_F(EditorTest, TrimsKeepTheSelectedPart) {
     SEFile& file = AddRamp(1000, 1);
     std::vector<float> const original = Samples(file.GetAudio());
