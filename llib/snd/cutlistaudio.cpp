@@ -22,26 +22,6 @@ std::unique_ptr<LCutListSegment> MakeSilence(long long frames) {
 
 } // namespace
 
-bool LSDFUnknownChunksCopy(LList<LSDFUnknownChunk> const& other, LList<LSDFUnknownChunk>& list) {
-    bool ok = true;
-    for (LSDFUnknownChunk const& chunk : other) {
-        auto copy = std::unique_ptr<LSDFUnknownChunk>(new (std::nothrow) LSDFUnknownChunk);
-        if (!copy || !copy->data.Allocate(chunk.data.GetCount())) {
-            ok = false; // a chunk we cannot hold is dropped rather than written back short
-            continue;
-        }
-        copy->id = chunk.id;
-        copy->type = chunk.type;
-        copy->dataBytes = chunk.dataBytes;
-        copy->index = chunk.index;
-        if (!chunk.data.IsEmpty()) {
-            std::memcpy(copy->data.GetData(), chunk.data.GetData(), chunk.data.GetCount());
-        }
-        list.AddTail(std::move(copy));
-    }
-    return ok;
-}
-
 LCutListSegment::LCutListSegment(unsigned short item, long long offsetFrames,
                                  long long lengthFrames, float gain)
     : m_item(item), m_lengthFrames(lengthFrames), m_gain(gain),

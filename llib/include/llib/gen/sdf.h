@@ -28,6 +28,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <vector>
 
 enum class LSDFValueType : std::uint16_t {
@@ -83,6 +85,28 @@ public:
     LSizedArray<unsigned char> data;
     std::int32_t index = 0; // position among its siblings, 0 for a container's first child
 };
+
+// Copies `other`'s unknown chunks onto the end of `list`; false when memory runs out.
+[[nodiscard]] inline bool LSDFUnknownChunksCopy(LList<LSDFUnknownChunk> const& other,
+                                                LList<LSDFUnknownChunk>& list) {
+    bool ok = true;
+    for (LSDFUnknownChunk const& chunk : other) {
+        auto copy = std::unique_ptr<LSDFUnknownChunk>(new (std::nothrow) LSDFUnknownChunk);
+        if (!copy || !copy->data.Allocate(chunk.data.GetCount())) {
+            ok = false; // a chunk we cannot hold is dropped rather than written back short
+            continue;
+        }
+        copy->id = chunk.id;
+        copy->type = chunk.type;
+        copy->dataBytes = chunk.dataBytes;
+        copy->index = chunk.index;
+        if (!chunk.data.IsEmpty()) {
+            std::memcpy(copy->data.GetData(), chunk.data.GetData(), chunk.data.GetCount());
+        }
+        list.AddTail(std::move(copy));
+    }
+    return ok;
+}
 
 template <class Stream>
 class LSDFWriter {
@@ -253,8 +277,7 @@ public:
         }
         while (m_ok && !m_stack.empty()) {
             OpenChunk& chunk = m_stack.back();
-            if (chunk.type == LSDFValueType::kContainer &&
-                !FlushPendingBelow(chunk, INT64_MAX)) {
+            if (chunk.type == LSDFValueType::kContainer && !FlushPendingBelow(chunk, INT64_MAX)) {
                 break;
             }
             (void)EndChunk(chunk.id);
@@ -348,6 +371,12 @@ public:
     }
     // The same for any file type (inspection tools).
     [[nodiscard]] bool OpenAnyType(Stream& stream) { return OpenImpl(stream, false, 0); }
+    // As Open, but a file cut off before its end opens with its root ending where the file
+    // does, so a loader can take what lies before the cut (IsTruncated tells it happened).
+    [[nodiscard]] bool OpenSalvage(Stream& stream, unsigned fileType) {
+        return OpenImpl(stream, true, fileType, true);
+    }
+    [[nodiscard]] bool IsTruncated() const { return m_truncated; }
 
     // Reads the 12-byte header at the stream's position; the data offset is where it ends. The
     // length is not checked here: the chunk iterator checks it against its container.
@@ -402,8 +431,9 @@ public:
     }
 
 private:
-    bool OpenImpl(Stream& stream, bool checkType, unsigned fileType) {
+    bool OpenImpl(Stream& stream, bool checkType, unsigned fileType, bool salvage = false) {
         m_stream = &stream;
+        m_truncated = false;
         m_ok = true;
         m_errorReason = nullptr;
         m_errorOffset = 0;
@@ -429,7 +459,11 @@ private:
             return Fail("the root chunk is not a container with identifier 0");
         }
         if (m_root.dataBytes > stream.GetSize() - m_root.dataOffset) {
-            return Fail("the root chunk runs past the end of the file (truncated)");
+            if (!salvage) {
+                return Fail("the root chunk runs past the end of the file (truncated)");
+            }
+            m_root.dataBytes = stream.GetSize() - m_root.dataOffset;
+            m_truncated = true;
         }
         m_root.index = 0;
         return true;
@@ -437,6 +471,7 @@ private:
 
     Stream* m_stream = nullptr;
     bool m_ok = false;
+    bool m_truncated = false;
     char const* m_errorReason = nullptr;
     std::uint64_t m_errorOffset = 0;
     unsigned m_fileType = 0;

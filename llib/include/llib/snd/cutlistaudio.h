@@ -107,10 +107,6 @@ enum class LCutListSnap : unsigned {
     kZeroCross = 1, // to the nearest zero crossing within the search range
 };
 
-// Copies `other`'s unknown chunks onto the end of `list`; false when memory runs out.
-[[nodiscard]] bool LSDFUnknownChunksCopy(LList<LSDFUnknownChunk> const& other,
-                                         LList<LSDFUnknownChunk>& list);
-
 class LCutListAudio {
 public:
     LCutListAudio() = default;
