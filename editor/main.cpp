@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "editor/main.h"
 
+#include "editor/seeffectdialog.h"
 #include "llib/gen/settings.h"
 #include "llib/gen/stringlong.h"
+#include "llib/snd/gain.h"
 #include "llib/snd/gensource.h"
 #include "llib/snd/soundtime.h"
 #include "llib/snd/wavtags.h"
@@ -134,6 +136,8 @@ SEResult MainDialog::Dispatch(int id) {
         return m_core.CmUndoToLastSave(nullptr);
     case SECmd::kCut:
         return m_core.CmCut(nullptr);
+    case SECmd::kAmplify:
+        return CmAmplify();
     case SECmd::kReverse:
         return m_core.CmReverse(nullptr);
     case SECmd::kWindow:
@@ -475,4 +479,21 @@ SEResult MainDialog::CmModifyRegion() {
                                          "positions.");
     }
     return m_core.CmModifyRegion(view, fields[0].value.c_str(), start, end);
+}
+
+SEResult MainDialog::CmAmplify() {
+    SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
+    LSPGain gain;
+    std::string error;
+    SEResult const asked = SEAskEffectSettings(m_ui, "Amplify", gain, error);
+    if (asked == SEResult::kFailed) {
+        return BadValue("Amplify", error);
+    }
+    if (asked != SEResult::kDone) {
+        return asked;
+    }
+    return m_core.CmAmplify(view, gain.GetGain());
 }

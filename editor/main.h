@@ -45,6 +45,7 @@ public:
     SEResult CmPasteAsNew();
     SEResult CmWindow();
     SEResult CmBookmark();
+    SEResult CmAmplify();
     SEResult CmBookmarkEdit(int id);
     SEResult CmSetRegion();
     SEResult CmModifyRegion();

@@ -56,7 +56,7 @@ constexpr std::array kCommands = {
     SECommandInfo{3028, "metronome", "Metronome on or off", kNoDoc, kLater},
     SECommandInfo{3031, "pre-roll", "Recording pre-roll on or off", kNoDoc, kLater},
 
-    SECommandInfo{4001, "amplify", "Amplify louder or softer", kDoc, kLater},
+    SECommandInfo{4001, "amplify", "Amplify louder or softer", kDoc, kBuilt},
     SECommandInfo{4002, "normalize", "Normalize to optimal level", kDoc, kLater},
     SECommandInfo{4004, "echo", "Echo", kDoc, kLater},
     SECommandInfo{4005, "reverb", "Reverb", kDoc, kLater},

@@ -55,6 +55,7 @@ inline constexpr int kPlaySpeedDouble = 3005;
 inline constexpr int kMetronome = 3028;
 inline constexpr int kPreRoll = 3031;
 
+inline constexpr int kAmplify = 4001;
 inline constexpr int kReverse = 4019;
 
 inline constexpr int kWindow = 5020;

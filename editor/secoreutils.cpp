@@ -462,6 +462,19 @@ SEResult SECoreUtils::CmReverse(SEFileGUI* view) {
     return RunEffect(v, effect, "Reverse");
 }
 
+SEResult SECoreUtils::CmAmplify(SEFileGUI* view, float gain) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SESelection selection = SESelectionOf(*v->GetFile());
+    if (selection.IsEmpty()) {
+        selection = SESelection{0, v->GetFile()->GetAudio().GetLengthFrames(), 0, 0, false};
+    }
+    SEEfAmplify effect(v->GetFilePtr(), selection, gain);
+    return RunEffect(v, effect, "Amplify");
+}
+
 SEResult SECoreUtils::CmEditSamples(SEFileGUI* view, std::vector<SESamplePoint> const& points) {
     SEFileGUI* const v = Resolve(view);
     if (v == nullptr) {

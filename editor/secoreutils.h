@@ -69,6 +69,8 @@ public:
     SEResult CmTrimEnd(SEFileGUI* view);
     SEResult CmSilence(SEFileGUI* view);
     SEResult CmReverse(SEFileGUI* view);
+    // Amplifies the selection (the whole document without one) by `gain`.
+    SEResult CmAmplify(SEFileGUI* view, float gain);
     SEResult CmEditSamples(SEFileGUI* view, std::vector<SESamplePoint> const& points);
     SEResult CmBookmark(SEFileGUI* view, char const* name);
     SEResult CmDeleteBookmark(SEFileGUI* view, char const* name);

@@ -120,6 +120,15 @@ LProcessResult SEEfSilence::ProcessCutList(LProcessInterface& process, LCutListA
     return LProcessResult::kCompleted;
 }
 
+SEEfAmplify::SEEfAmplify(std::shared_ptr<SEFile> file, SESelection const& selection, float gain)
+    : SEEfCutListProcess(std::move(file), selection), m_gain(gain) {}
+
+LProcessResult SEEfAmplify::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
+    (void)process;
+    part.EfGain(m_gain);
+    return LProcessResult::kCompleted;
+}
+
 LProcessResult SEEfReverse::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
     constexpr long long kBlockFrames = 8192;
     LSoundSource source = part.OpenSource();

@@ -91,6 +91,19 @@ public:
                                                 LCutListAudio& part) override;
 };
 
+// Changes the part's level by a factor through its segments' gains: nothing is rendered, so
+// amplifying an hour costs what amplifying a second does.
+class SEEfAmplify final : public SEEfCutListProcess {
+public:
+    SEEfAmplify(std::shared_ptr<SEFile> file, SESelection const& selection, float gain);
+    [[nodiscard]] char const* GetEffectName() const override { return "Amplify"; }
+    [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
+                                                LCutListAudio& part) override;
+
+private:
+    float m_gain;
+};
+
 // Plays the part backwards: rendered into new cache audio, read from its end in blocks.
 class SEEfReverse final : public SEEfCutListProcess {
 public:

@@ -363,6 +363,12 @@ void LCutListAudio::EfTrim(long long start, long long end) {
     EfDelete(end - start, m_lengthFrames);
 }
 
+void LCutListAudio::EfGain(float factor) {
+    for (LCutListSegment* s = m_segments.GetHead(); s != nullptr; s = s->GetNext()) {
+        s->SetGain(s->GetGain() * factor);
+    }
+}
+
 void LCutListAudio::EfRepeatLoop(long long start, long long end, unsigned long count) {
     if (count == 0 || end <= start) {
         return;

@@ -2,6 +2,7 @@
 // The editor driven as the desktop drives it: commands through MainDialog, answers from the
 // headless front end, audio checked sample by sample.
 #include "editor/main.h"
+#include "editor/seeffectdialog.h"
 #include "editor/seheadless.h"
 
 #include "llib/gen/settings.h"
@@ -277,8 +278,8 @@ TEST_F(EditorTest, ReverseSilenceAndDrawnSamplesRenderTheSelectionOnly) {
 // length: the driver must render it at the part's format and put it in the range's place.
 class SEEfTestReplace final : public SEEfSoundSourceProcess {
 public:
-    using SEEfSoundSourceProcess::SEEfSoundSourceProcess;
     using SEEfSoundSourceProcess::OpenSource;
+    using SEEfSoundSourceProcess::SEEfSoundSourceProcess;
     [[nodiscard]] char const* GetEffectName() const override { return "Replace"; }
     [[nodiscard]] LSoundSource OpenSource(LSoundSource& input) override {
         return LMakeSource<LTestBufferSource>(input->GetSampleRate(), input->GetChannels(),
@@ -306,6 +307,38 @@ TEST_F(EditorTest, SourceEffectsRenderTheirOutputInPlaceOfTheRange) {
     expected.insert(expected.end(), tail.begin(), tail.end());
     EXPECT_EQ(Samples(file.GetAudio()), expected);
     EXPECT_EQ(process.statuses.front(), (std::pair<int, std::string>{0, "Replace"}));
+}
+
+TEST_F(EditorTest, AmplifyChangesSegmentGainsWithoutRendering) {
+    SEFile& file = AddRamp(2000, 2);
+    std::vector<float> const original = Samples(file.GetAudio());
+    std::size_t const cacheFiles = CountFiles(PathOf("cache"));
+    ASSERT_EQ(Select("500smp", "1500smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kAmplify, {{"gain-percentage", "50"}}), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Amplify");
+    std::vector<float> after = Samples(file.GetAudio());
+    for (long long f : {0LL, 499LL, 500LL, 1499LL, 1500LL}) {
+        float const factor = f >= 500 && f < 1500 ? 0.5f : 1.0f;
+        EXPECT_EQ(after[f * 2 + 1], original[f * 2 + 1] * factor) << f;
+    }
+    EXPECT_EQ(CountFiles(PathOf("cache")), cacheFiles);
+    EXPECT_EQ(file.GetSelection().start, 500);
+    EXPECT_EQ(file.GetSelection().end, 1500);
+
+    // Values beyond the parameter's range are clamped (400 %); a preset by name; bad values and
+    // unknown presets are refused with nothing changed.
+    ASSERT_EQ(Run(SECmd::kAmplify, {{"gain-percentage", "1000"}}), SEResult::kDone);
+    EXPECT_EQ(Samples(file.GetAudio())[600 * 2], original[600 * 2] * 0.5f * 4.0f);
+    ASSERT_EQ(Run(SECmd::kSelectNone), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kAmplify, {{"preset", "Half Volume"}}), SEResult::kDone);
+    after = Samples(file.GetAudio());
+    EXPECT_EQ(after[10 * 2], original[10 * 2] * 0.5f);
+    EXPECT_EQ(Run(SECmd::kAmplify, {{"gain-percentage", "loud"}}), SEResult::kFailed);
+    EXPECT_EQ(m_dialog->GetLastError(), "\"loud\" is not a number for \"Gain Percentage\".");
+    EXPECT_EQ(Run(SECmd::kAmplify, {{"preset", "Eleven"}}), SEResult::kFailed);
+    EXPECT_EQ(Samples(file.GetAudio()), after);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Amplify");
+    EXPECT_EQ(SEParameterKey("Depth (Semitone)"), "depth-semitone");
 }
 
 TEST_F(EditorTest, TrimsKeepTheSelectedPart) {
@@ -395,9 +428,9 @@ TEST_F(EditorTest, DispatchNeedsADocumentAndKnowsWhatIsNotBuilt) {
     EXPECT_TRUE(m_ui.IsUndoEnabled());
     EXPECT_EQ(m_ui.GetUndoText(), "Undo Cut");
 
-    EXPECT_EQ(Run(4001), SEResult::kUnavailable);
+    EXPECT_EQ(Run(4002), SEResult::kUnavailable);
     EXPECT_EQ(m_ui.GetMessages().back().text,
-              "\"Amplify louder or softer\" is not available in this version of Tessel.");
+              "\"Normalize to optimal level\" is not available in this version of Tessel.");
     EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Cut");
 
     // Every command of the table is either handled or reported, never silently taken.

@@ -157,6 +157,8 @@ public:
     // Inserts `count` further copies of [start, end) at start (as many as the length bound
     // allows).
     void EfRepeatLoop(long long start, long long end, unsigned long count);
+    // Multiplies every segment's gain by `factor`: a change of level that renders nothing.
+    void EfGain(float factor);
     // The list becomes `segment` alone (none when it is empty), at this rate and channel count;
     // the unknown chunks of the old list go too.
     void SetSingleCutListSegment(LCutListSegment const& segment, int sampleRateHz,

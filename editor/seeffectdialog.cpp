@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "editor/seeffectdialog.h"
+
+#include "llib/gen/stringlong.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+
+namespace {
+
+std::string ValueText(LSoundProcessParameter const& p) {
+    switch (p.GetType()) {
+    case LSoundProcessParameterType::kInt:
+        return std::to_string(p.GetValue<std::int32_t>());
+    case LSoundProcessParameterType::kDouble:
+        return LStrFormat("%g", p.GetValue<double>());
+    case LSoundProcessParameterType::kInt8:
+        return std::to_string(p.GetValue<std::int8_t>());
+    case LSoundProcessParameterType::kBool:
+        return p.GetValue<bool>() ? "1" : "0";
+    case LSoundProcessParameterType::kInt64:
+        return std::to_string(p.GetValue<std::int64_t>());
+    case LSoundProcessParameterType::kUInt16:
+        return std::to_string(p.GetValue<std::uint16_t>());
+    }
+    return "";
+}
+
+template <class T>
+void SetClamped(LSoundProcess& effect, int index, LSoundProcessParameter const& p, double value) {
+    double const low = static_cast<double>(p.GetMinimum<T>());
+    double const high = static_cast<double>(p.GetMaximum<T>());
+    T const v = static_cast<T>(std::clamp(value, low, high));
+    effect.SetParameterByIndex(index, &v);
+}
+
+// Sets parameter `index` from `text`; false when it is not a number.
+bool SetFromText(LSoundProcess& effect, int index, LSoundProcessParameter const& p,
+                 std::string const& text) {
+    char* end = nullptr;
+    errno = 0;
+    double value = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || errno == ERANGE || std::isnan(value)) {
+        return false;
+    }
+    switch (p.GetType()) {
+    case LSoundProcessParameterType::kInt:
+        SetClamped<std::int32_t>(effect, index, p, std::round(value));
+        break;
+    case LSoundProcessParameterType::kDouble:
+        SetClamped<double>(effect, index, p, value);
+        break;
+    case LSoundProcessParameterType::kInt8:
+        SetClamped<std::int8_t>(effect, index, p, std::round(value));
+        break;
+    case LSoundProcessParameterType::kBool: {
+        bool const on = value != 0.0;
+        effect.SetParameterByIndex(index, &on);
+        break;
+    }
+    case LSoundProcessParameterType::kInt64:
+        SetClamped<std::int64_t>(effect, index, p, std::round(value));
+        break;
+    case LSoundProcessParameterType::kUInt16:
+        SetClamped<std::uint16_t>(effect, index, p, std::round(value));
+        break;
+    }
+    return true;
+}
+
+} // namespace
+
+std::string SEParameterKey(char const* name) {
+    std::string key;
+    bool gap = false;
+    for (char const* c = name; *c != '\0'; ++c) {
+        unsigned char const u = static_cast<unsigned char>(*c);
+        if (std::isalnum(u) != 0) {
+            if (gap && !key.empty()) {
+                key += '-';
+            }
+            key += static_cast<char>(std::tolower(u));
+            gap = false;
+        } else {
+            gap = true;
+        }
+    }
+    return key;
+}
+
+SEResult SEAskEffectSettings(SEUserInterface& ui, char const* title, LSoundProcess& effect,
+                             std::string& error) {
+    int const count = effect.GetNumParameters();
+    SECommandFields fields;
+    LSoundProcessParameter p;
+    for (int i = 0; i < count; ++i) {
+        effect.GetParameterByIndex(i, &p);
+        fields.push_back({SEParameterKey(p.GetName()),
+                          std::string(p.GetName()) +
+                              (p.GetUnit()[0] != '\0' ? std::string(" (") + p.GetUnit() + ")" : ""),
+                          ValueText(p)});
+    }
+    if (effect.GetNumPresets() > 0) {
+        fields.push_back({"preset", "Preset", ""});
+    }
+    SECommandFields const shown = fields;
+    if (!ui.AskValues(title, fields)) {
+        return SEResult::kCancelled;
+    }
+    // A preset first, so that single values given beside it adjust it.
+    if (effect.GetNumPresets() > 0 && !fields.back().value.empty()) {
+        int found = -1;
+        char name[kLMaxText];
+        for (int i = 0; i < effect.GetNumPresets() && found < 0; ++i) {
+            effect.GetPresetsName(i, name);
+            if (fields.back().value == name) {
+                found = i;
+            }
+        }
+        if (found < 0) {
+            error = LStrFormat("\"%s\" has no preset \"%s\".", title, fields.back().value.c_str());
+            return SEResult::kFailed;
+        }
+        effect.SetPreset(found);
+    }
+    for (int i = 0; i < count; ++i) {
+        std::size_t const at = static_cast<std::size_t>(i);
+        if (fields[at].value == shown[at].value) {
+            continue;
+        }
+        effect.GetParameterByIndex(i, &p);
+        if (!SetFromText(effect, i, p, fields[at].value)) {
+            error = LStrFormat("\"%s\" is not a number for \"%s\".", fields[at].value.c_str(),
+                               p.GetName());
+            return SEResult::kFailed;
+        }
+    }
+    return SEResult::kDone;
+}

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// The generic effect dialog, as far as the core sees it: one field per parameter of an effect
+// (its name made into a key: "Gain Percentage" is "gain-percentage"), preset with the current
+// value, and a "preset" field that takes a preset's name. The front end shows and fills the
+// fields; the answers are set back into the effect, each clamped into its parameter's range.
+
+#include "editor/seui.h"
+#include "llib/snd/soundprocess.h"
+
+#include <string>
+
+// The key of a parameter's field: lower case, every run of other characters one "-".
+[[nodiscard]] std::string SEParameterKey(char const* name);
+
+// Asks for the effect's settings under `title`. kCancelled when the user cancelled, kFailed (with
+// `error` set) for a value that is not a number or a preset name that does not exist.
+[[nodiscard]] SEResult SEAskEffectSettings(SEUserInterface& ui, char const* title,
+                                           LSoundProcess& effect, std::string& error);
