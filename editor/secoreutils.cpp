@@ -448,17 +448,25 @@ SEResult SECoreUtils::CmSilence(SEFileGUI* view) {
     return RunEffect(v, effect, "Edit Silence");
 }
 
+namespace {
+
+// What an effect works on: the selection, or the whole document without one.
+SESelection EffectRange(SEFile const& file) {
+    SESelection selection = SESelectionOf(file);
+    if (selection.IsEmpty()) {
+        selection = SESelection{0, file.GetAudio().GetLengthFrames(), 0, 0, false};
+    }
+    return selection;
+}
+
+} // namespace
+
 SEResult SECoreUtils::CmReverse(SEFileGUI* view) {
     SEFileGUI* const v = Resolve(view);
     if (v == nullptr) {
         return SEResult::kIgnored;
     }
-    SESelection selection = SESelectionOf(*v->GetFile());
-    if (selection.IsEmpty()) {
-        // Without a selection the whole document is meant, as for every effect.
-        selection = SESelection{0, v->GetFile()->GetAudio().GetLengthFrames(), 0, 0, false};
-    }
-    SEEfReverse effect(v->GetFilePtr(), selection);
+    SEEfReverse effect(v->GetFilePtr(), EffectRange(*v->GetFile()));
     return RunEffect(v, effect, "Reverse");
 }
 
@@ -467,11 +475,7 @@ SEResult SECoreUtils::CmAmplify(SEFileGUI* view, float gain) {
     if (v == nullptr) {
         return SEResult::kIgnored;
     }
-    SESelection selection = SESelectionOf(*v->GetFile());
-    if (selection.IsEmpty()) {
-        selection = SESelection{0, v->GetFile()->GetAudio().GetLengthFrames(), 0, 0, false};
-    }
-    SEEfAmplify effect(v->GetFilePtr(), selection, gain);
+    SEEfAmplify effect(v->GetFilePtr(), EffectRange(*v->GetFile()), gain);
     return RunEffect(v, effect, "Amplify");
 }
 
