@@ -3,6 +3,7 @@
 
 #include "cli/cliprocess.h"
 #include "cli/cmdaudio.h"
+#include "cli/cmdchain.h"
 #include "cli/cmdedit.h"
 #include "cli/cmdinspect.h"
 #include "cli/version.h"
@@ -43,6 +44,8 @@ void PrintHelp(std::FILE* to) {
                "                 as KEY=VALUE, e.g. --do 'select start=0:01 end=0:02.5' --do cut.\n"
                "                 A script holds one command per line. 'edit --list' lists the\n"
                "                 commands and their settings.\n"
+               "  chain FILE     Print an effect chain file's effects in order with their\n"
+               "                 settings.\n"
                "  inspect FILE   Print the chunk tree of a structured data file (effect\n"
                "                 presets and chains, projects, cache item information,\n"
                "                 cut-list links): file type and version, then each chunk's\n"
@@ -116,7 +119,7 @@ int main(int argc, char** argv) {
     };
     for (Command const c : {Command{"info", LCliRunInfo}, Command{"convert", LCliRunConvert},
                             Command{"tags", LCliRunTags}, Command{"synth", LCliRunSynth},
-                            Command{"edit", LCliRunEdit}}) {
+                            Command{"edit", LCliRunEdit}, Command{"chain", LCliRunChain}}) {
         if (std::strcmp(command, c.name) == 0) {
             LCliInstallInterruptHandler();
             int const status = c.run(argc - 2, argv + 2);

@@ -10,9 +10,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-namespace {
+namespace {} // namespace
 
-std::string ValueText(LSoundProcessParameter const& p) {
+std::string SEParameterValueText(LSoundProcessParameter const& p) {
     switch (p.GetType()) {
     case LSoundProcessParameterType::kInt:
         return std::to_string(p.GetValue<std::int32_t>());
@@ -29,6 +29,8 @@ std::string ValueText(LSoundProcessParameter const& p) {
     }
     return "";
 }
+
+namespace {
 
 template <class T>
 void SetClamped(LSoundProcess& effect, int index, LSoundProcessParameter const& p, double value) {
@@ -102,7 +104,7 @@ SEResult SEAskEffectSettings(SEUserInterface& ui, char const* title, LSoundProce
         fields.push_back({SEParameterKey(p.GetName()),
                           std::string(p.GetName()) +
                               (p.GetUnit()[0] != '\0' ? std::string(" (") + p.GetUnit() + ")" : ""),
-                          ValueText(p)});
+                          SEParameterValueText(p)});
     }
     if (effect.GetNumPresets() > 0) {
         fields.push_back({"preset", "Preset", ""});

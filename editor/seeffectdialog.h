@@ -14,6 +14,9 @@
 // The key of a parameter's field: lower case, every run of other characters one "-".
 [[nodiscard]] std::string SEParameterKey(char const* name);
 
+// A parameter's current value as the dialog shows it ("150", "0.5", "1" for a switch that is on).
+[[nodiscard]] std::string SEParameterValueText(LSoundProcessParameter const& parameter);
+
 // Asks for the effect's settings under `title`. kCancelled when the user cancelled, kFailed (with
 // `error` set) for a value that is not a number or a preset name that does not exist.
 [[nodiscard]] SEResult SEAskEffectSettings(SEUserInterface& ui, char const* title,
