@@ -82,6 +82,8 @@ void LCliPrintEditCommands() {
               "save-as path=FILE; window index=N; bookmark name=TEXT;\n"
               "delete-bookmark name=TEXT; rename-bookmark name=TEXT to=TEXT;\n"
               "region name=TEXT; modify-region name=TEXT start=TIME end=TIME;\n"
+              "amplify gain-percentage=N (1-400) or preset=NAME;\n"
+              "fade-in / fade-out shape=linear|logarithmic|exponential|sinusoidal;\n"
               "edit-samples points=TIME:VALUE,... TIME is h:mm:ss.fff (or shorter: 1:30,\n"
               "90, 2.5) or a frame count such as 44100smp.");
 }

@@ -138,6 +138,9 @@ SEResult MainDialog::Dispatch(int id) {
         return m_core.CmCut(nullptr);
     case SECmd::kAmplify:
         return CmAmplify();
+    case SECmd::kFadeIn:
+    case SECmd::kFadeOut:
+        return CmFade(id == SECmd::kFadeIn);
     case SECmd::kReverse:
         return m_core.CmReverse(nullptr);
     case SECmd::kWindow:
@@ -496,4 +499,25 @@ SEResult MainDialog::CmAmplify() {
         return asked;
     }
     return m_core.CmAmplify(view, gain.GetGain());
+}
+
+SEResult MainDialog::CmFade(bool in) {
+    SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
+    char const* const title = in ? "Fade In" : "Fade Out";
+    static char const* const kShapes[] = {"linear", "logarithmic", "exponential", "sinusoidal"};
+    SECommandFields fields{{"shape", "Curve", "linear"}};
+    if (!m_ui.AskValues(title, fields)) {
+        return SEResult::kCancelled;
+    }
+    for (unsigned shape = 0; shape < 4; ++shape) {
+        if (fields[0].value == kShapes[shape]) {
+            return m_core.CmFade(view, in, static_cast<LEnvelopeShape>(shape));
+        }
+    }
+    return BadValue(title, LStrFormat("\"%s\" is not a curve: linear, logarithmic, exponential "
+                                      "or sinusoidal.",
+                                      fields[0].value.c_str()));
 }

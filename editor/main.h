@@ -46,6 +46,7 @@ public:
     SEResult CmWindow();
     SEResult CmBookmark();
     SEResult CmAmplify();
+    SEResult CmFade(bool in);
     SEResult CmBookmarkEdit(int id);
     SEResult CmSetRegion();
     SEResult CmModifyRegion();

@@ -56,6 +56,8 @@ inline constexpr int kMetronome = 3028;
 inline constexpr int kPreRoll = 3031;
 
 inline constexpr int kAmplify = 4001;
+inline constexpr int kFadeIn = 4006;
+inline constexpr int kFadeOut = 4007;
 inline constexpr int kReverse = 4019;
 
 inline constexpr int kWindow = 5020;

@@ -479,6 +479,17 @@ SEResult SECoreUtils::CmAmplify(SEFileGUI* view, float gain) {
     return RunEffect(v, effect, "Amplify");
 }
 
+SEResult SECoreUtils::CmFade(SEFileGUI* view, bool in, LEnvelopeShape shape) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SESelection const range = EffectRange(*v->GetFile());
+    char const* const name = in ? "Fade In" : "Fade Out";
+    SEEfEnvelope effect(v->GetFilePtr(), range, SEFadeEnvelope(in, range.GetLength(), shape), name);
+    return RunEffect(v, effect, name);
+}
+
 SEResult SECoreUtils::CmEditSamples(SEFileGUI* view, std::vector<SESamplePoint> const& points) {
     SEFileGUI* const v = Resolve(view);
     if (v == nullptr) {

@@ -71,6 +71,8 @@ public:
     SEResult CmReverse(SEFileGUI* view);
     // Amplifies the selection (the whole document without one) by `gain`.
     SEResult CmAmplify(SEFileGUI* view, float gain);
+    // Fades the selection (the whole document without one) in or out.
+    SEResult CmFade(SEFileGUI* view, bool in, LEnvelopeShape shape);
     SEResult CmEditSamples(SEFileGUI* view, std::vector<SESamplePoint> const& points);
     SEResult CmBookmark(SEFileGUI* view, char const* name);
     SEResult CmDeleteBookmark(SEFileGUI* view, char const* name);

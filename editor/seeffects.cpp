@@ -129,6 +129,18 @@ LProcessResult SEEfAmplify::ProcessCutList(LProcessInterface& process, LCutListA
     return LProcessResult::kCompleted;
 }
 
+SEEfEnvelope::SEEfEnvelope(std::shared_ptr<SEFile> file, SESelection const& selection,
+                           LSPEnvelope const& envelope, char const* name)
+    : SEEfSoundSourceProcess(std::move(file), selection), m_envelope(envelope), m_name(name) {}
+
+LSPEnvelope SEFadeEnvelope(bool in, long long frames, LEnvelopeShape shape) {
+    LSPEnvelope envelope;
+    envelope.SetShape(shape);
+    envelope.AddPoint(0, in ? 0.0f : 1.0f);
+    envelope.AddPoint(frames, in ? 1.0f : 0.0f);
+    return envelope;
+}
+
 LProcessResult SEEfReverse::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
     constexpr long long kBlockFrames = 8192;
     LSoundSource source = part.OpenSource();

@@ -10,6 +10,7 @@
 
 #include "editor/sefile.h"
 #include "llib/gen/process.h"
+#include "llib/snd/amplitude.h"
 #include "llib/snd/cutlistaudio.h"
 #include "llib/snd/soundsource.h"
 
@@ -103,6 +104,27 @@ public:
 private:
     float m_gain;
 };
+
+// A volume envelope over the part, positions counted from its start: the fades and the drawn
+// envelope. Rendered through the envelope's source.
+class SEEfEnvelope final : public SEEfSoundSourceProcess {
+public:
+    SEEfEnvelope(std::shared_ptr<SEFile> file, SESelection const& selection,
+                 LSPEnvelope const& envelope, char const* name);
+    using SEEfSoundSourceProcess::OpenSource;
+    [[nodiscard]] char const* GetEffectName() const override { return m_name; }
+    [[nodiscard]] LSoundSource OpenSource(LSoundSource& input) override {
+        return m_envelope.OpenSource(input);
+    }
+
+private:
+    LSPEnvelope m_envelope;
+    char const* m_name;
+};
+
+// The envelope of a fade over `frames`: in rises from silence to the audio's level, out falls
+// from it to silence.
+[[nodiscard]] LSPEnvelope SEFadeEnvelope(bool in, long long frames, LEnvelopeShape shape);
 
 // Plays the part backwards: rendered into new cache audio, read from its end in blocks.
 class SEEfReverse final : public SEEfCutListProcess {

@@ -15,6 +15,7 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <random>
 #include <string>
@@ -339,6 +340,34 @@ TEST_F(EditorTest, AmplifyChangesSegmentGainsWithoutRendering) {
     EXPECT_EQ(Samples(file.GetAudio()), after);
     EXPECT_EQ(m_ui.GetUndoText(), "Undo Amplify");
     EXPECT_EQ(SEParameterKey("Depth (Semitone)"), "depth-semitone");
+}
+
+TEST_F(EditorTest, FadesShapeTheSelectionAndLeaveTheRestAlone) {
+    SEFile& file = AddRamp(3000, 2);
+    std::vector<float> const original = Samples(file.GetAudio());
+    ASSERT_EQ(Select("1000smp", "2000smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kFadeIn), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Fade In");
+    std::vector<float> const faded = Samples(file.GetAudio());
+    ASSERT_EQ(faded.size(), original.size());
+    for (long long f = 0; f < 3000; ++f) {
+        double const g = f < 1000 || f >= 2000 ? 1.0 : static_cast<double>(f - 1000) / 1000.0;
+        for (int c = 0; c < 2; ++c) {
+            ASSERT_NEAR(faded[f * 2 + c], original[f * 2 + c] * g, 1e-6) << f;
+        }
+    }
+    EXPECT_EQ(faded[1000 * 2], 0.0f);
+    EXPECT_EQ(faded[2000 * 2], original[2000 * 2]);
+
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kFadeOut, {{"shape", "exponential"}}), SEResult::kDone);
+    std::vector<float> const out = Samples(file.GetAudio());
+    // A falling exponential segment starts at exactly the full level.
+    EXPECT_EQ(out[1000 * 2 + 1], original[1000 * 2 + 1]);
+    EXPECT_NEAR(out[1999 * 2 + 1], original[1999 * 2 + 1] * std::exp(-4.0 + 0.004), 1e-6);
+    EXPECT_EQ(out[999 * 2], original[999 * 2]);
+    EXPECT_EQ(Run(SECmd::kFadeOut, {{"shape", "steep"}}), SEResult::kFailed);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Fade Out");
 }
 
 TEST_F(EditorTest, TrimsKeepTheSelectedPart) {
