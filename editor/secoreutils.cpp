@@ -152,8 +152,7 @@ void SECoreUtils::RollBackModifyFile(SEFileGUI* view) {
     SEFile& file = *v->GetFile();
     file.UndoRedoApply(file.GetUndoCurrent());
     CancelModifyFile(v);
-    SendEvent(*v, file.IsModified() ? kSEEventDocumentModified : kSEEventDocumentClean);
-    m_ui.Redraw(*v);
+    ShowRestored(*v);
 }
 
 void SECoreUtils::ModifySelection(SEFileGUI* view, long long start, long long end, long long cursor,
@@ -227,50 +226,38 @@ SEResult SECoreUtils::RunEffect(SEFileGUI* view, SEEfCutListProcess& effect,
 
 // ---- the ring ----
 
-SEResult SECoreUtils::CmUndo(SEFileGUI* view, int reserved) {
-    (void)reserved;
+SEResult SECoreUtils::StepRing(SEFileGUI* view, bool (SEFile::*step)(), char const* nothing) {
     SEFileGUI* const v = Resolve(view);
     if (v == nullptr) {
         return SEResult::kIgnored;
     }
-    SEFile& file = *v->GetFile();
-    if (!file.Undo()) {
-        m_lastError = "There is nothing to undo.";
+    if (!(v->GetFile()->*step)()) {
+        m_lastError = nothing;
         return SEResult::kIgnored;
     }
-    SendEvent(*v, file.IsModified() ? kSEEventDocumentModified : kSEEventDocumentClean);
-    m_ui.Redraw(*v);
+    ShowRestored(*v);
     return SEResult::kDone;
+}
+
+void SECoreUtils::ShowRestored(SEFileGUI& view) {
+    // The state brought back decides whether the document now differs from its file.
+    SendEvent(view,
+              view.GetFile()->IsModified() ? kSEEventDocumentModified : kSEEventDocumentClean);
+    m_ui.Redraw(view);
+}
+
+SEResult SECoreUtils::CmUndo(SEFileGUI* view, int reserved) {
+    (void)reserved;
+    return StepRing(view, &SEFile::Undo, "There is nothing to undo.");
 }
 
 SEResult SECoreUtils::CmRedo(SEFileGUI* view) {
-    SEFileGUI* const v = Resolve(view);
-    if (v == nullptr) {
-        return SEResult::kIgnored;
-    }
-    SEFile& file = *v->GetFile();
-    if (!file.Redo()) {
-        m_lastError = "There is nothing to redo.";
-        return SEResult::kIgnored;
-    }
-    SendEvent(*v, file.IsModified() ? kSEEventDocumentModified : kSEEventDocumentClean);
-    m_ui.Redraw(*v);
-    return SEResult::kDone;
+    return StepRing(view, &SEFile::Redo, "There is nothing to redo.");
 }
 
 SEResult SECoreUtils::CmUndoToLastSave(SEFileGUI* view) {
-    SEFileGUI* const v = Resolve(view);
-    if (v == nullptr) {
-        return SEResult::kIgnored;
-    }
-    SEFile& file = *v->GetFile();
-    if (!file.UndoToLastSave()) {
-        m_lastError = "The document is as it was last saved, or that state is no longer kept.";
-        return SEResult::kIgnored;
-    }
-    SendEvent(*v, file.IsModified() ? kSEEventDocumentModified : kSEEventDocumentClean);
-    m_ui.Redraw(*v);
-    return SEResult::kDone;
+    return StepRing(view, &SEFile::UndoToLastSave,
+                    "The document is as it was last saved, or that state is no longer kept.");
 }
 
 // ---- clipboard and edits ----

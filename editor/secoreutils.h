@@ -110,6 +110,10 @@ public:
     SEResult RunProcess(char const* title, char const* failTitle, SEProcessFunction const& work);
 
 private:
+    // Undo, redo or revert through `step`; `nothing` is the reason kept when it cannot.
+    SEResult StepRing(SEFileGUI* view, bool (SEFile::*step)(), char const* nothing);
+    // After a state came back from the ring: the view hears modified or clean and redraws.
+    void ShowRestored(SEFileGUI& view);
     SEResult SaveTo(SEFileGUI& view, std::string const& path);
     // Deletes `range` as one modification, moves the bookmarks after it back, then sets the
     // selection and the cursor.

@@ -156,17 +156,14 @@ LProcessResult SEEfReverse::ProcessCutList(LProcessInterface& process, LCutListA
     LProcessResult outcome = LProcessResult::kCompleted;
     {
         LSoundSink sink = result.OpenSink(part.GetSampleRate(), part.GetChannels(), "Reverse");
-        // Blocks are taken from the end and each is turned around, so the file is read in
-        // large forward runs rather than frame by frame backwards.
+        // Read through the reversing source rather than the copy, which would limit peaks:
+        // reversing must give back every value as it was, whatever its level.
+        LSoundSource reversed = LMakeSource<LSRCReverse>(source);
+        reversed->Seek(0);
         for (long long end = total; end > 0 && outcome == LProcessResult::kCompleted;) {
             long long const frames = std::min(kBlockFrames, end);
             long long const start = end - frames;
-            source->Seek(start);
-            source->Read(block.data(), frames);
-            for (long long a = 0, b = frames - 1; a < b; ++a, --b) {
-                std::swap_ranges(block.begin() + a * channels, block.begin() + (a + 1) * channels,
-                                 block.begin() + b * channels);
-            }
+            reversed->Read(block.data(), frames);
             sink->Write(block.data(), frames);
             end = start;
             if (sink->IsFailed()) {
