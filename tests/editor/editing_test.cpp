@@ -552,29 +552,6 @@ TEST_F(EditorTest, AfterAnEditTheLowSpaceWarningAndAutomaticPlayback) {
     EXPECT_EQ(m_ui.GetPlaybackStarts(), 1);
 }
 
-TEST_F(EditorTest, ThirtyChangesGiveTwentyNineUndosAndRedosThroughTheMenu) {
-    SEFile& file = AddRamp(100, 1);
-    for (int i = 0; i < 35; ++i) {
-        ASSERT_EQ(Run(SECmd::kBookmark, {{"name", "m" + std::to_string(i)}}), SEResult::kDone);
-    }
-    EXPECT_EQ(m_ui.GetUndoText(), "Undo Bookmark");
-    int undone = 0;
-    while (Run(SECmd::kUndo) == SEResult::kDone) {
-        ++undone;
-    }
-    EXPECT_EQ(undone, 29);
-    EXPECT_EQ(file.GetBookmarks().GetCount(), 35u - 29u);
-    EXPECT_FALSE(m_ui.IsUndoEnabled());
-    EXPECT_EQ(m_ui.GetRedoText(), "Redo Bookmark");
-    int redone = 0;
-    while (Run(SECmd::kRedo) == SEResult::kDone) {
-        ++redone;
-    }
-    EXPECT_EQ(redone, 29);
-    EXPECT_EQ(file.GetBookmarks().GetCount(), 35u);
-    EXPECT_FALSE(m_ui.IsRedoEnabled());
-}
-
 TEST_F(EditorTest, BookmarkAndRegionChangesAreUndoable) {
     SEFile& file = AddRamp(1000, 1);
     ASSERT_EQ(Cursor("100smp"), SEResult::kDone);
