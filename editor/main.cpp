@@ -67,6 +67,21 @@ bool SEParsePosition(char const* text, int rateHz, long long& frames) {
     return true;
 }
 
+bool SEParseInt(char const* text, long long minimum, long long maximum, long long& value) {
+    if (text == nullptr) {
+        return false;
+    }
+    char const* const end = text + std::strlen(text);
+    long long parsed = 0;
+    auto const [stop, error] = std::from_chars(text, end, parsed);
+    if (error != std::errc() || stop != end || stop == text || parsed < minimum ||
+        parsed > maximum) {
+        return false;
+    }
+    value = parsed;
+    return true;
+}
+
 MainDialog::MainDialog(SEUserInterface& ui, LSettingsStore* settings)
     : m_ui(ui), m_core(m_windows, ui, settings) {}
 
@@ -327,17 +342,24 @@ SEResult MainDialog::CmSelectRange() {
     if (view == nullptr) {
         return SEResult::kIgnored;
     }
-    SEFile const& file = *view->GetFile();
+    SEFile& file = *view->GetFile();
     int const rate = file.GetAudio().GetSampleRate();
-    SECommandFields fields{{"start", "Start", PositionText(file.GetSelection().start, rate)},
-                           {"end", "End", PositionText(file.GetSelection().end, rate)}};
+    SESelectionState const& current = file.GetSelection();
+    auto const hzText = [&](std::uint32_t hz) {
+        return current.secondaryInForce ? std::to_string(hz) : std::string();
+    };
+    SECommandFields fields{{"start", "Start", PositionText(current.start, rate)},
+                           {"end", "End", PositionText(current.end, rate)},
+                           {"low", "Lowest frequency (Hz)", hzText(current.secondaryLow)},
+                           {"high", "Highest frequency (Hz)", hzText(current.secondaryHigh)}};
     if (!m_ui.AskValues("Select", fields)) {
         return SEResult::kCancelled;
     }
     long long start = 0;
     long long end = 0;
-    for (SECommandField const& field : fields) {
-        if (!SEParsePosition(field.value.c_str(), rate, field.key == "start" ? start : end)) {
+    for (std::size_t i = 0; i < 2; ++i) {
+        SECommandField const& field = fields[i];
+        if (!SEParsePosition(field.value.c_str(), rate, i == 0 ? start : end)) {
             return BadValue("Select",
                             LStrFormat("The %s of the selection, \"%s\", is not a time or a "
                                        "sample position.",
@@ -349,6 +371,28 @@ SEResult MainDialog::CmSelectRange() {
                                              "(%s).",
                                              fields[1].value.c_str(), fields[0].value.c_str()));
     }
+    // Both frequencies make the selection a band of them; neither, the whole spectrum.
+    std::string const& lowText = fields[2].value;
+    std::string const& highText = fields[3].value;
+    SESelectionState band = current;
+    band.secondaryInForce = !lowText.empty() || !highText.empty();
+    if (band.secondaryInForce) {
+        long long low = -1;
+        long long high = -1;
+        if (!SEParseInt(lowText.c_str(), 0, 1000000, low) ||
+            !SEParseInt(highText.c_str(), 0, 1000000, high)) {
+            return BadValue("Select", "A frequency band needs its lowest and highest frequency, "
+                                      "each a whole number of Hz from 0 to 1000000.");
+        }
+        if (high < low) {
+            return BadValue("Select", LStrFormat("The highest frequency (%lld Hz) is below the "
+                                                 "lowest (%lld Hz).",
+                                                 high, low));
+        }
+        band.secondaryLow = static_cast<std::uint32_t>(low);
+        band.secondaryHigh = static_cast<std::uint32_t>(high);
+    }
+    file.SetSelection(band);
     // A range reaching past the end means "to the end".
     m_core.ModifySelection(view, start, end, start);
     return SEResult::kDone;

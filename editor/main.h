@@ -82,3 +82,6 @@ private:
 // "1:30", "0:01:30.250") converted to frames at `rateHz`, or a frame count written with the
 // suffix "smp" ("44100smp"). False for anything else, negative values included.
 [[nodiscard]] bool SEParsePosition(char const* text, int rateHz, long long& frames);
+// A whole number from `minimum` to `maximum`, nothing else in the text.
+[[nodiscard]] bool SEParseInt(char const* text, long long minimum, long long maximum,
+                              long long& value);

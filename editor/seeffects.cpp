@@ -2,10 +2,12 @@
 #include "editor/seeffects.h"
 
 #include "llib/snd/convertrate.h"
+#include "llib/snd/mixsimple.h"
 #include "llib/snd/prsourcesink.h"
 #include "llib/snd/sinkconvchannels.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 SESelection SESelectionOf(SEFile const& file) {
@@ -31,29 +33,113 @@ LProcessResult SEEfCutListProcess::ProcessAndInsertCutList(LProcessInterface& pr
     }
     process.SetStatus(GetEffectName(), 0);
     process.SetStatus("Please Wait...", 1);
-    if (s.band) {
-        process.SetError("Frequency-band selections cannot be edited yet: the equaliser they need "
-                         "is not part of this version.");
-        return LProcessResult::kFailed;
-    }
     // Past the end the copy would read as silence and lengthen the document.
     long long const end = std::min(s.end, document.GetLengthFrames());
+    if (s.band && end > s.start) {
+        return ProcessBand(process, end);
+    }
     LCutListAudio part;
     document.EfCopy(s.start, end, part);
     LProcessResult const result = ProcessCutList(process, part);
     if (result != LProcessResult::kCompleted) {
         return result;
     }
+    return Replace(process, end, part);
+}
+
+LProcessResult SEEfCutListProcess::Replace(LProcessInterface& process, long long end,
+                                           LCutListAudio const& result) {
+    LCutListAudio& document = m_file->GetAudio();
+    long long const start = m_selection.start;
     // The insert would refuse a result that makes the document too long, after the delete had
     // already removed the range; check first so that nothing is lost.
-    long long const rest = document.GetLengthFrames() - (end - s.start);
-    if (part.GetLengthFrames() > kLCutListMaxFrames - rest) {
+    long long const rest = document.GetLengthFrames() - (end - start);
+    if (result.GetLengthFrames() > kLCutListMaxFrames - rest) {
         process.SetError("The result would be longer than the longest file Tessel can edit.");
         return LProcessResult::kFailed;
     }
-    document.EfDelete(s.start, end);
-    document.EfInsert(s.start, part);
+    document.EfDelete(start, end);
+    document.EfInsert(start, result);
     return LProcessResult::kCompleted;
+}
+
+LProcessResult SEEfCutListProcess::ProcessBand(LProcessInterface& process, long long end) {
+    LCutListAudio const& document = m_file->GetAudio();
+    SESelection band = m_selection;
+    band.end = end;
+    LCutListAudio part;
+    LProcessResult result = band.Trim(process, document, part);
+    if (result != LProcessResult::kCompleted) {
+        return result;
+    }
+    result = ProcessCutList(process, part);
+    if (result != LProcessResult::kCompleted) {
+        return result;
+    }
+    // The rest of the range: the same frames with the band 60 dB down. The band-pass and this
+    // band stop add up to the input, so an effect that changes nothing changes nothing here.
+    LCutListAudio range;
+    document.EfCopy(band.start, end, range);
+    LSPEq stop;
+    SEBandStopCurve(band.lowHz, band.highHz).MapPointListToEq(stop, range.GetSampleRate());
+    LSoundSource rangeSource = range.OpenSource();
+    LSoundSource stopped = stop.OpenSource(rangeSource);
+    LCutListAudio removed;
+    result = SERenderToCutList(process, stopped, "Selection to Audio", removed);
+    if (result != LProcessResult::kCompleted) {
+        return result == LProcessResult::kStopped ? result : LProcessResult::kFailed;
+    }
+    LSoundSource removedSource = removed.OpenSource();
+    LSoundSource mix = LSPMixSimple(part.OpenSource()).OpenSource(removedSource);
+    LCutListAudio mixed;
+    result = SERenderToCutList(process, mix, "Paste Over Selection", mixed);
+    if (result != LProcessResult::kCompleted) {
+        return result;
+    }
+    return Replace(process, end, mixed);
+}
+
+namespace {
+// How far the band stop takes the band down.
+constexpr double kBandStopDb = -60.0;
+} // namespace
+
+LPointList SEBandStopCurve(int lowHz, int highHz) {
+    LPointList curve;
+    curve.Add(10.0, 0.0);
+    curve.Add(lowHz - 1.0, 0.0);
+    curve.Add(lowHz, kBandStopDb);
+    curve.Add(highHz, kBandStopDb);
+    curve.Add(highHz + 1.0, 0.0);
+    curve.Add(20000.0, 0.0);
+    return curve;
+}
+
+LSoundSource SESelection::OpenTrimmedSource(LCutListAudio const& document) const {
+    LCutListAudio range;
+    document.EfCopy(start, std::min(end, document.GetLengthFrames()), range);
+    LSoundSource source = range.OpenSource();
+    if (!band) {
+        return source;
+    }
+    // The complement of the band stop, scaled so that the band itself passes at full level:
+    // stop + pass is then 1 outside the band and 1.001 inside it.
+    LSPEq stop;
+    SEBandStopCurve(lowHz, highHz).MapPointListToEq(stop, document.GetSampleRate());
+    float const inside = static_cast<float>(std::pow(10.0, kBandStopDb / 20.0));
+    std::vector<float> gains(stop.GetResponse().begin(), stop.GetResponse().end());
+    for (float& gain : gains) {
+        gain = std::clamp((1.0f - gain) / (1.0f - inside), 0.0f, 1.0f);
+    }
+    LSPEq pass;
+    pass.SetResponse(stop.GetRateHz(), std::move(gains));
+    return pass.OpenSource(source);
+}
+
+LProcessResult SESelection::Trim(LProcessInterface& process, LCutListAudio const& document,
+                                 LCutListAudio& out) const {
+    LSoundSource source = OpenTrimmedSource(document);
+    return SERenderToCutList(process, source, "Selection to Audio", out);
 }
 
 LProcessResult SERenderToCutList(LProcessInterface& process, LSoundSource& source,

@@ -12,6 +12,7 @@
 #include "llib/gen/process.h"
 #include "llib/snd/amplitude.h"
 #include "llib/snd/cutlistaudio.h"
+#include "llib/snd/equalizer.h"
 #include "llib/snd/soundsource.h"
 
 #include <memory>
@@ -28,7 +29,17 @@ struct SESelection {
 
     [[nodiscard]] bool IsEmpty() const { return start == end; }
     [[nodiscard]] long long GetLength() const { return end - start; }
+
+    // The band alone of `document`'s frames [start, end): the frequencies outside it taken out.
+    // Without a band, those frames as they are.
+    [[nodiscard]] LSoundSource OpenTrimmedSource(LCutListAudio const& document) const;
+    // That audio rendered into `out` (new cache audio at the document's rate and channels).
+    [[nodiscard]] LProcessResult Trim(LProcessInterface& process, LCutListAudio const& document,
+                                      LCutListAudio& out) const;
 };
+
+// The curve that takes a band out: 0 dB outside [lowHz, highHz], -60 dB inside, with 1 Hz steps.
+[[nodiscard]] LPointList SEBandStopCurve(int lowHz, int highHz);
 
 // The selection a document holds, as an effect sees it.
 [[nodiscard]] SESelection SESelectionOf(SEFile const& file);
@@ -57,6 +68,13 @@ public:
 protected:
     std::shared_ptr<SEFile> m_file;
     SESelection m_selection;
+
+private:
+    // The frequency-band form of the driver: the band is taken out of the range, the processed
+    // band mixed back in, and the range replaced by the mix.
+    [[nodiscard]] LProcessResult ProcessBand(LProcessInterface& process, long long end);
+    [[nodiscard]] LProcessResult Replace(LProcessInterface& process, long long end,
+                                         LCutListAudio const& result);
 };
 
 // Effects that are a transforming source: the part is read through the source OpenSource builds

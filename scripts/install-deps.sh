@@ -7,6 +7,8 @@ set -euo pipefail
 packages=(
     # toolchain and build
     g++ cmake ninja-build pkg-config git
+    # every FFT (the equaliser, band selections)
+    libfftw3-dev
     # tests and benchmarks
     libgtest-dev libgmock-dev libbenchmark-dev
     # the peer the resampler benchmark is measured against
