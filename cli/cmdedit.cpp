@@ -75,17 +75,23 @@ void LCliPrintEditCommands() {
     std::puts("Commands of 'edit' (name, identifier, what it does):");
     for (SECommandInfo const& c : SECommandTable()) {
         if (c.built) {
-            std::printf("  %-14s %-10d %s\n", c.name, c.id, c.text);
+            std::printf("  %-20s %-10d %s\n", c.name, c.id, c.text);
         }
     }
-    std::puts("\nSettings: select start=TIME end=TIME; cursor position=TIME; open path=FILE;\n"
+    std::puts("\nSettings: select start=TIME end=TIME [low=HZ high=HZ] (with both frequencies the\n"
+              "selection is that band only); cursor position=TIME; open path=FILE;\n"
               "save-as path=FILE; window index=N; bookmark name=TEXT;\n"
               "delete-bookmark name=TEXT; rename-bookmark name=TEXT to=TEXT;\n"
               "region name=TEXT; modify-region name=TEXT start=TIME end=TIME;\n"
-              "amplify gain-percentage=N (1-400) or preset=NAME;\n"
+              "amplify gain-percentage=N (1-400) or preset=NAME; normalize peak-db=DB (-96-0);\n"
               "fade-in / fade-out shape=linear|logarithmic|exponential|sinusoidal;\n"
+              "envelope points=TIME:PERCENT,... [shape=...]; envelope-db points=TIME:DB,...;\n"
+              "pan pan=N (-100 left to 100 right) or points=TIME:PAN,...;\n"
+              "chain / chain-preview path=FILE (an effect chain file);\n"
               "edit-samples points=TIME:VALUE,... TIME is h:mm:ss.fff (or shorter: 1:30,\n"
-              "90, 2.5) or a frame count such as 44100smp.");
+              "90, 2.5) or a frame count such as 44100smp; envelope and pan times count from\n"
+              "the start of the selection. Effects work on the selection, or on the whole\n"
+              "file when nothing is selected.");
 }
 
 int LCliRunEdit(int argc, char** argv) {

@@ -5,6 +5,7 @@
 #include "llib/gen/settings.h"
 #include "llib/gen/stringlong.h"
 #include "llib/snd/gain.h"
+#include "llib/snd/soundprocessmulti.h"
 #include "llib/snd/gensource.h"
 #include "llib/snd/soundtime.h"
 #include "llib/snd/wavtags.h"
@@ -64,6 +65,31 @@ bool SEParsePosition(char const* text, int rateHz, long long& frames) {
         return false;
     }
     frames = time.ToFrames(rateHz);
+    return true;
+}
+
+bool SEParsePoints(std::string const& text, int rateHz, std::vector<SEParsedPoint>& points,
+                   std::string& bad) {
+    points.clear();
+    for (std::size_t at = 0; at < text.size();) {
+        std::size_t const comma = std::min(text.find(',', at), text.size());
+        std::string const item = text.substr(at, comma - at);
+        std::size_t const colon = item.rfind(':');
+        // The value follows the last colon: positions may hold colons of their own (1:30:0.5).
+        std::string const value = colon == std::string::npos ? "" : item.substr(colon + 1);
+        std::string const position = colon == std::string::npos ? "" : item.substr(0, colon);
+        SEParsedPoint point;
+        char* end = nullptr;
+        errno = 0;
+        point.value = std::strtod(value.c_str(), &end);
+        if (value.empty() || *end != '\0' || errno != 0 || !std::isfinite(point.value) ||
+            !SEParsePosition(position.c_str(), rateHz, point.position)) {
+            bad = item;
+            return false;
+        }
+        points.push_back(point);
+        at = comma + 1;
+    }
     return true;
 }
 
@@ -153,9 +179,24 @@ SEResult MainDialog::Dispatch(int id) {
         return m_core.CmCut(nullptr);
     case SECmd::kAmplify:
         return CmAmplify();
+    case SECmd::kNormalize:
+        return CmNormalize();
     case SECmd::kFadeIn:
     case SECmd::kFadeOut:
         return CmFade(id == SECmd::kFadeIn);
+    case SECmd::kEnvelope:
+    case SECmd::kEnvelopeDb:
+        return CmEnvelope(id == SECmd::kEnvelopeDb);
+    case SECmd::kDCOffset:
+        return m_core.CmDCOffsetCorrection(nullptr);
+    case SECmd::kToStereo:
+    case SECmd::kJoinChannels:
+        return m_core.CmConvertChannels(nullptr, id == SECmd::kToStereo ? 2 : 1);
+    case SECmd::kPan:
+        return CmStereoPan();
+    case SECmd::kEffectChain:
+    case SECmd::kEffectChainPreview:
+        return CmEffectChain(id == SECmd::kEffectChainPreview);
     case SECmd::kReverse:
         return m_core.CmReverse(nullptr);
     case SECmd::kWindow:
@@ -428,29 +469,16 @@ SEResult MainDialog::CmEditSamples() {
     if (!m_ui.AskValues("Edit Samples", fields)) {
         return SEResult::kCancelled;
     }
+    std::vector<SEParsedPoint> parsed;
+    std::string bad;
+    if (!SEParsePoints(fields[0].value, rate, parsed, bad)) {
+        return BadValue("Edit Samples", LStrFormat("\"%s\" is not a point: write POSITION:VALUE, "
+                                                   "for example 1200smp:0.5.",
+                                                   bad.c_str()));
+    }
     std::vector<SESamplePoint> points;
-    std::string const& text = fields[0].value;
-    for (std::size_t at = 0; at < text.size();) {
-        std::size_t const comma = std::min(text.find(',', at), text.size());
-        std::string const item = text.substr(at, comma - at);
-        std::size_t const colon = item.find(':');
-        SESamplePoint point;
-        char* end = nullptr;
-        std::string const value =
-            colon == std::string::npos ? "" : item.substr(item.rfind(':') + 1);
-        std::string const position = item.substr(0, item.empty() ? 0 : item.rfind(':'));
-        errno = 0;
-        double const v = std::strtod(value.c_str(), &end);
-        if (colon == std::string::npos || value.empty() || *end != '\0' || errno != 0 ||
-            !std::isfinite(v) || !SEParsePosition(position.c_str(), rate, point.position)) {
-            return BadValue("Edit Samples",
-                            LStrFormat("\"%s\" is not a point: write POSITION:VALUE, for "
-                                       "example 1200smp:0.5.",
-                                       item.c_str()));
-        }
-        point.value = static_cast<float>(v);
-        points.push_back(point);
-        at = comma + 1;
+    for (SEParsedPoint const& p : parsed) {
+        points.push_back(SESamplePoint{p.position, static_cast<float>(p.value)});
     }
     return m_core.CmEditSamples(view, points);
 }
@@ -533,7 +561,11 @@ SEResult MainDialog::CmAmplify() {
     if (view == nullptr) {
         return SEResult::kIgnored;
     }
+    // The dialog starts from the last gain chosen, which batch jobs repeat.
+    LSettingsStore& settings = m_core.GetSettings();
     LSPGain gain;
+    int const last = settings.GetInt("StoredValues", "AmplifyGain", 100);
+    gain.SetParameterByIndex(0, &last);
     std::string error;
     SEResult const asked = SEAskEffectSettings(m_ui, "Amplify", gain, error);
     if (asked == SEResult::kFailed) {
@@ -542,6 +574,9 @@ SEResult MainDialog::CmAmplify() {
     if (asked != SEResult::kDone) {
         return asked;
     }
+    LSoundProcessParameter percentage;
+    gain.GetParameterByIndex(0, &percentage);
+    (void)settings.SetInt("StoredValues", "AmplifyGain", percentage.GetValue<int>());
     return m_core.CmAmplify(view, gain.GetGain());
 }
 
@@ -564,4 +599,159 @@ SEResult MainDialog::CmFade(bool in) {
     return BadValue(title, LStrFormat("\"%s\" is not a curve: linear, logarithmic, exponential "
                                       "or sinusoidal.",
                                       fields[0].value.c_str()));
+}
+
+SEResult MainDialog::CmNormalize() {
+    SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
+    LSettingsStore& settings = m_core.GetSettings();
+    double const last = settings.GetDouble("Settings", "NormalizeTargetPeak", 1.0);
+    double const lastDb = last > 0.0 ? 20.0 * std::log10(last) : 0.0;
+    SECommandFields fields{{"peak-db", "Peak level (dB of full scale)", LStrFormat("%g", lastDb)}};
+    if (!m_ui.AskValues("Normalize", fields)) {
+        return SEResult::kCancelled;
+    }
+    char* end = nullptr;
+    errno = 0;
+    double const db = std::strtod(fields[0].value.c_str(), &end);
+    if (fields[0].value.empty() || *end != '\0' || errno != 0 || !(db >= -96.0 && db <= 0.0)) {
+        return BadValue("Normalize", LStrFormat("The peak level \"%s\" is not a level from -96 "
+                                                "to 0 dB.",
+                                                fields[0].value.c_str()));
+    }
+    double const peak = std::pow(10.0, db / 20.0);
+    (void)settings.SetDouble("Settings", "NormalizeTargetPeak", peak);
+    return m_core.CmNormalize(view, static_cast<float>(peak));
+}
+
+SEResult MainDialog::CmEnvelope(bool decibels) {
+    SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
+    char const* const title = "Envelope";
+    static char const* const kShapes[] = {"linear", "logarithmic", "exponential", "sinusoidal"};
+    SECommandFields fields{
+        {"points", decibels ? "Points (position:dB, ...)" : "Points (position:percent, ...)", ""},
+        {"shape", "Curve", "linear"}};
+    if (!m_ui.AskValues(title, fields)) {
+        return SEResult::kCancelled;
+    }
+    int const rate = view->GetFile()->GetAudio().GetSampleRate();
+    std::vector<SEParsedPoint> points;
+    std::string bad;
+    if (!SEParsePoints(fields[0].value, rate, points, bad) || points.empty()) {
+        return BadValue(title,
+                        LStrFormat("\"%s\" is not a list of points: write "
+                                   "POSITION:LEVEL, ..., positions from the start of the "
+                                   "selection, for example 0:%s,2.5:%s.",
+                                   bad.c_str(), decibels ? "-20" : "10", decibels ? "0" : "100"));
+    }
+    LSPEnvelope envelope;
+    for (unsigned shape = 0; shape < 4; ++shape) {
+        if (fields[1].value == kShapes[shape]) {
+            envelope.SetShape(static_cast<LEnvelopeShape>(shape));
+        }
+    }
+    if (fields[1].value != kShapes[static_cast<unsigned>(envelope.GetShape())]) {
+        return BadValue(title, LStrFormat("\"%s\" is not a curve: linear, logarithmic, "
+                                          "exponential or sinusoidal.",
+                                          fields[1].value.c_str()));
+    }
+    for (SEParsedPoint const& p : points) {
+        // Levels: percent from 0 to 1000, or dB up to +20 (silence below -144 dB).
+        double const level =
+            decibels ? (p.value <= -144.0 ? 0.0 : std::pow(10.0, p.value / 20.0)) : p.value / 100.0;
+        if (!(level >= 0.0 && level <= 10.0)) {
+            return BadValue(title,
+                            LStrFormat("The level %g is out of range: levels go from %s.", p.value,
+                                       decibels ? "-144 to 20 dB" : "0 to 1000 percent"));
+        }
+        envelope.AddPoint(p.position, static_cast<float>(level));
+    }
+    return m_core.CmEnvelope(view, envelope);
+}
+
+SEResult MainDialog::CmStereoPan() {
+    SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
+    char const* const title = "Stereo Pan";
+    SECommandFields fields{{"pan", "Pan (-100 left to 100 right)", "0"},
+                           {"points", "Or a pan line (position:pan, ...)", ""}};
+    if (!m_ui.AskValues(title, fields)) {
+        return SEResult::kCancelled;
+    }
+    SEFile const& file = *view->GetFile();
+    LSPPan pan;
+    if (!fields[1].value.empty()) {
+        std::vector<SEParsedPoint> points;
+        std::string bad;
+        if (!SEParsePoints(fields[1].value, file.GetAudio().GetSampleRate(), points, bad)) {
+            return BadValue(title, LStrFormat("\"%s\" is not a point of a pan line: write "
+                                              "POSITION:PAN, for example 1.5:-100.",
+                                              bad.c_str()));
+        }
+        for (SEParsedPoint const& p : points) {
+            // Beyond full left or right is full left or right.
+            pan.AddPoint(p.position, static_cast<signed char>(std::clamp(p.value, -100.0, 100.0)));
+        }
+    } else {
+        long long value = 0;
+        if (!SEParseInt(fields[0].value.c_str(), LLONG_MIN, LLONG_MAX, value)) {
+            return BadValue(title, LStrFormat("The pan \"%s\" is not a whole number from -100 "
+                                              "(left) to 100 (right).",
+                                              fields[0].value.c_str()));
+        }
+        auto const constant = static_cast<signed char>(std::clamp(value, -100LL, 100LL));
+        // A line that holds one value over the whole range.
+        SESelection range = SESelectionOf(file);
+        long long const length =
+            range.IsEmpty() ? file.GetAudio().GetLengthFrames() : range.GetLength();
+        pan.AddPoint(0, constant);
+        pan.AddPoint(length, constant);
+    }
+    return m_core.CmStereoPan(view, pan);
+}
+
+SEResult MainDialog::CmEffectChain(bool preview) {
+    SEFileGUI* const view = GetCurrentView();
+    if (view == nullptr) {
+        return SEResult::kIgnored;
+    }
+    char const* const title = preview ? "Preview Effect Chain" : "Apply Effect Chain";
+    SECommandFields fields{{"path", "Effect chain file", ""}};
+    if (!m_ui.AskValues(title, fields)) {
+        return SEResult::kCancelled;
+    }
+    auto chain = std::make_shared<LSoundProcessMulti>();
+    std::string error;
+    bool const whole = LLoadEffectChainFile(fields[0].value.c_str(), *chain, error);
+    int effects = 0;
+    int unknown = 0;
+    for (LSoundProcess const* e = chain->GetList().GetHead(); e != nullptr; e = e->GetNext()) {
+        ++effects;
+        unknown += dynamic_cast<LSPUnknown const*>(e) != nullptr ? 1 : 0;
+    }
+    if (!whole && effects == 0) {
+        return BadValue(title, error);
+    }
+    // What cannot be applied is said, and the rest applied: a damaged file's readable effects,
+    // and effects of kinds this version lacks (they pass the audio on unchanged).
+    std::string notice = whole ? "" : error + " ";
+    if (unknown > 0) {
+        notice += LStrFormat("%d of the chain's %d effects are not available in this version of "
+                             "Tessel and are left out.",
+                             unknown, effects);
+    }
+    if (!notice.empty()) {
+        (void)m_ui.MessageBox(title, notice.c_str(), {"OK"});
+    }
+    if (preview) {
+        return m_core.CmEffectChainPlay(view, chain);
+    }
+    return m_core.CmEffectChainApply(view, chain);
 }

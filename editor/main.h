@@ -46,6 +46,10 @@ public:
     SEResult CmWindow();
     SEResult CmBookmark();
     SEResult CmAmplify();
+    SEResult CmNormalize();
+    SEResult CmEnvelope(bool decibels);
+    SEResult CmStereoPan();
+    SEResult CmEffectChain(bool preview);
     SEResult CmFade(bool in);
     SEResult CmBookmarkEdit(int id);
     SEResult CmSetRegion();
@@ -82,6 +86,14 @@ private:
 // "1:30", "0:01:30.250") converted to frames at `rateHz`, or a frame count written with the
 // suffix "smp" ("44100smp"). False for anything else, negative values included.
 [[nodiscard]] bool SEParsePosition(char const* text, int rateHz, long long& frames);
+// A list of points "POSITION:VALUE,..." (positions as SEParsePosition reads them, values any
+// finite number). On failure `bad` is the item that is not a point.
+struct SEParsedPoint {
+    long long position = 0;
+    double value = 0.0;
+};
+[[nodiscard]] bool SEParsePoints(std::string const& text, int rateHz,
+                                 std::vector<SEParsedPoint>& points, std::string& bad);
 // A whole number from `minimum` to `maximum`, nothing else in the text.
 [[nodiscard]] bool SEParseInt(char const* text, long long minimum, long long maximum,
                               long long& value);

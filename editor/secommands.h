@@ -56,9 +56,19 @@ inline constexpr int kMetronome = 3028;
 inline constexpr int kPreRoll = 3031;
 
 inline constexpr int kAmplify = 4001;
+inline constexpr int kNormalize = 4002;
 inline constexpr int kFadeIn = 4006;
 inline constexpr int kFadeOut = 4007;
+inline constexpr int kEnvelope = 4013;
+inline constexpr int kDCOffset = 4018;
 inline constexpr int kReverse = 4019;
+inline constexpr int kToStereo = 4023;
+inline constexpr int kEnvelopeDb = 4051;
+// Our own, above the settled effect identifiers.
+inline constexpr int kPan = 4101;
+inline constexpr int kJoinChannels = 4102;
+inline constexpr int kEffectChain = 4103;
+inline constexpr int kEffectChainPreview = 4104;
 
 inline constexpr int kWindow = 5020;
 

@@ -448,22 +448,22 @@ SESelection EffectRange(SEFile const& file) {
 
 } // namespace
 
-SEResult SECoreUtils::CmReverse(SEFileGUI* view) {
+template <class Effect, class... Args>
+SEResult SECoreUtils::RunOnRange(SEFileGUI* view, char const* description, Args&&... args) {
     SEFileGUI* const v = Resolve(view);
     if (v == nullptr) {
         return SEResult::kIgnored;
     }
-    SEEfReverse effect(v->GetFilePtr(), EffectRange(*v->GetFile()));
-    return RunEffect(v, effect, "Reverse");
+    Effect effect(v->GetFilePtr(), EffectRange(*v->GetFile()), std::forward<Args>(args)...);
+    return RunEffect(v, effect, description);
+}
+
+SEResult SECoreUtils::CmReverse(SEFileGUI* view) {
+    return RunOnRange<SEEfReverse>(view, "Reverse");
 }
 
 SEResult SECoreUtils::CmAmplify(SEFileGUI* view, float gain) {
-    SEFileGUI* const v = Resolve(view);
-    if (v == nullptr) {
-        return SEResult::kIgnored;
-    }
-    SEEfAmplify effect(v->GetFilePtr(), EffectRange(*v->GetFile()), gain);
-    return RunEffect(v, effect, "Amplify");
+    return RunOnRange<SEEfAmplify>(view, "Amplify", gain);
 }
 
 SEResult SECoreUtils::CmFade(SEFileGUI* view, bool in, LEnvelopeShape shape) {
@@ -475,6 +475,61 @@ SEResult SECoreUtils::CmFade(SEFileGUI* view, bool in, LEnvelopeShape shape) {
     char const* const name = in ? "Fade In" : "Fade Out";
     SEEfEnvelope effect(v->GetFilePtr(), range, SEFadeEnvelope(in, range.GetLength(), shape), name);
     return RunEffect(v, effect, name);
+}
+
+SEResult SECoreUtils::CmNormalize(SEFileGUI* view, float targetPeak) {
+    return RunOnRange<SEEfNormalize>(view, "Normalize", targetPeak);
+}
+
+SEResult SECoreUtils::CmDCOffsetCorrection(SEFileGUI* view) {
+    return RunOnRange<SEDCOffsetCorrection>(view, "DC Offset Correction");
+}
+
+SEResult SECoreUtils::CmEnvelope(SEFileGUI* view, LSPEnvelope const& envelope) {
+    return RunOnRange<SEEfEnvelope>(view, "Envelope", envelope, "Envelope");
+}
+
+SEResult SECoreUtils::CmStereoPan(SEFileGUI* view, LSPPan const& pan) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    if (v->GetFile()->GetAudio().GetChannels() != 2) {
+        return Fail("Stereo Pan", "Panning moves sound between two channels: this file is not "
+                                  "stereo. Convert it to stereo first.");
+    }
+    return RunOnRange<SEEfStereoPan>(v, "Stereo Pan", pan);
+}
+
+SEResult SECoreUtils::CmConvertChannels(SEFileGUI* view, unsigned char channels) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    unsigned const have = v->GetFile()->GetAudio().GetChannels();
+    if (have == channels) {
+        m_lastError = channels == 1 ? "The file has only one channel." : "The file is stereo.";
+        return SEResult::kIgnored;
+    }
+    SEEfConvertChannels effect(v->GetFilePtr(), channels);
+    return RunEffect(v, effect, effect.GetEffectName());
+}
+
+SEResult SECoreUtils::CmEffectChainApply(SEFileGUI* view,
+                                         std::shared_ptr<LSoundProcessMulti const> const& chain) {
+    return RunOnRange<SEEfEffectChain>(view, "Apply Effect Chain", chain);
+}
+
+SEResult SECoreUtils::CmEffectChainPlay(SEFileGUI* view,
+                                        std::shared_ptr<LSoundProcessMulti const> const& chain) {
+    SEFileGUI* const v = Resolve(view);
+    if (v == nullptr) {
+        return SEResult::kIgnored;
+    }
+    SESelection const range = EffectRange(*v->GetFile());
+    LSoundSource source = range.OpenTrimmedSource(v->GetFile()->GetAudio());
+    m_ui.PlaySource(*v, chain->OpenSource(source));
+    return SEResult::kDone;
 }
 
 SEResult SECoreUtils::CmEditSamples(SEFileGUI* view, std::vector<SESamplePoint> const& points) {

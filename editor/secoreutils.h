@@ -73,6 +73,19 @@ public:
     SEResult CmAmplify(SEFileGUI* view, float gain);
     // Fades the selection (the whole document without one) in or out.
     SEResult CmFade(SEFileGUI* view, bool in, LEnvelopeShape shape);
+    // Brings the selection's peak (the whole document's without one) to `targetPeak`.
+    SEResult CmNormalize(SEFileGUI* view, float targetPeak);
+    SEResult CmDCOffsetCorrection(SEFileGUI* view);
+    // An envelope or a pan line over the selection, positions from its start.
+    SEResult CmEnvelope(SEFileGUI* view, LSPEnvelope const& envelope);
+    SEResult CmStereoPan(SEFileGUI* view, LSPPan const& pan);
+    // The whole document to `channels` (1: join channels, 2: convert to stereo).
+    SEResult CmConvertChannels(SEFileGUI* view, unsigned char channels);
+    // Applies the chain to the selection, or plays the selection through it.
+    SEResult CmEffectChainApply(SEFileGUI* view,
+                                std::shared_ptr<LSoundProcessMulti const> const& chain);
+    SEResult CmEffectChainPlay(SEFileGUI* view,
+                               std::shared_ptr<LSoundProcessMulti const> const& chain);
     SEResult CmEditSamples(SEFileGUI* view, std::vector<SESamplePoint> const& points);
     SEResult CmBookmark(SEFileGUI* view, char const* name);
     SEResult CmDeleteBookmark(SEFileGUI* view, char const* name);
@@ -110,6 +123,10 @@ public:
     SEResult RunProcess(char const* title, char const* failTitle, SEProcessFunction const& work);
 
 private:
+    // Runs an effect of class `Effect` made over the selection (the whole document without one)
+    // with `args` after it, as one modification described `description`.
+    template <class Effect, class... Args>
+    SEResult RunOnRange(SEFileGUI* view, char const* description, Args&&... args);
     // Undo, redo or revert through `step`; `nothing` is the reason kept when it cannot.
     SEResult StepRing(SEFileGUI* view, bool (SEFile::*step)(), char const* nothing);
     // After a state came back from the ring: the view hears modified or clean and redraws.

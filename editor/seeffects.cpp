@@ -51,6 +51,15 @@ LProcessResult SEEfCutListProcess::Replace(LProcessInterface& process, long long
                                            LCutListAudio const& result) {
     LCutListAudio& document = m_file->GetAudio();
     long long const start = m_selection.start;
+    if (result.GetChannels() != document.GetChannels()) {
+        // A new channel count is only possible for the whole document.
+        if (start != 0 || end != document.GetLengthFrames() || m_selection.band) {
+            process.SetError("The number of channels can only change for the whole file.");
+            return LProcessResult::kFailed;
+        }
+        document = result;
+        return LProcessResult::kCompleted;
+    }
     // The insert would refuse a result that makes the document too long, after the delete had
     // already removed the range; check first so that nothing is lost.
     long long const rest = document.GetLengthFrames() - (end - start);
@@ -214,6 +223,108 @@ LProcessResult SEEfAmplify::ProcessCutList(LProcessInterface& process, LCutListA
     part.EfGain(m_gain);
     return LProcessResult::kCompleted;
 }
+
+LProcessResult
+SEScanCutList(LProcessInterface& process, LCutListAudio const& part,
+              std::function<void(float const* samples, long long frames)> const& block) {
+    constexpr long long kBlockFrames = 16384;
+    LSoundSource source = part.OpenSource();
+    if (source->GetError() != LSoundSourceErrorCode::kNone) {
+        return LProcessResult::kFailed;
+    }
+    long long const total = part.GetLengthFrames();
+    std::vector<float> samples(static_cast<std::size_t>(kBlockFrames) * part.GetChannels());
+    for (long long done = 0; done < total;) {
+        long long const frames = std::min(kBlockFrames, total - done);
+        source->Read(samples.data(), frames);
+        block(samples.data(), frames);
+        done += frames;
+        process.SetProgress(static_cast<double>(done) / static_cast<double>(total));
+        if (process.IsToStop()) {
+            return LProcessResult::kStopped;
+        }
+    }
+    return LProcessResult::kCompleted;
+}
+
+SEEfNormalize::SEEfNormalize(std::shared_ptr<SEFile> file, SESelection const& selection,
+                             float targetPeak)
+    : SEEfCutListProcess(std::move(file), selection), m_targetPeak(targetPeak) {}
+
+LProcessResult SEEfNormalize::ProcessCutList(LProcessInterface& process, LCutListAudio& part) {
+    process.SetStatus("Finding the peak...", 1);
+    float peak = 0.0f;
+    LProcessResult const result =
+        SEScanCutList(process, part, [&peak, &part](float const* samples, long long frames) {
+            std::size_t const values = static_cast<std::size_t>(frames) * part.GetChannels();
+            float high = peak;
+            for (std::size_t i = 0; i < values; ++i) {
+                high = std::max(high, std::abs(samples[i]));
+            }
+            peak = high;
+        });
+    if (result != LProcessResult::kCompleted) {
+        return result;
+    }
+    if (peak > 0.0f && std::isfinite(peak)) {
+        part.EfGain(m_targetPeak / peak);
+    }
+    return LProcessResult::kCompleted;
+}
+
+LProcessResult SEDCOffsetCorrection::ProcessCutList(LProcessInterface& process,
+                                                    LCutListAudio& part) {
+    process.SetStatus("Measuring the offset...", 1);
+    unsigned const channels = part.GetChannels();
+    std::vector<double> sums(channels, 0.0);
+    LProcessResult result =
+        SEScanCutList(process, part, [&sums, channels](float const* samples, long long frames) {
+            for (unsigned c = 0; c < channels; ++c) {
+                double sum = 0.0;
+                for (long long f = 0; f < frames; ++f) {
+                    sum += samples[static_cast<std::size_t>(f) * channels + c];
+                }
+                sums[c] += sum;
+            }
+        });
+    if (result != LProcessResult::kCompleted || part.GetLengthFrames() == 0) {
+        return result;
+    }
+    std::vector<float> offsets(channels);
+    bool any = false;
+    for (unsigned c = 0; c < channels; ++c) {
+        offsets[c] = static_cast<float>(-sums[c] / static_cast<double>(part.GetLengthFrames()));
+        any = any || offsets[c] != 0.0f;
+    }
+    if (!any) {
+        return LProcessResult::kCompleted;
+    }
+    process.SetStatus("Please Wait...", 1);
+    LSoundSource input = part.OpenSource();
+    LSoundSource corrected = LMakeSource<LSRCDCOffset>(input, std::move(offsets));
+    LCutListAudio out;
+    result = SERenderToCutList(process, corrected, GetEffectName(), out);
+    if (result == LProcessResult::kCompleted) {
+        part = std::move(out);
+    }
+    return result;
+}
+
+SEEfStereoPan::SEEfStereoPan(std::shared_ptr<SEFile> file, SESelection const& selection,
+                             LSPPan const& pan)
+    : SEEfSoundSourceProcess(std::move(file), selection), m_pan(pan) {}
+
+SEEfConvertChannels::SEEfConvertChannels(std::shared_ptr<SEFile> file, unsigned char channels)
+    : SEEfSoundSourceProcess(file, SESelection{0, file->GetAudio().GetLengthFrames(), 0, 0, false}),
+      m_channels(channels) {}
+
+LSoundSource SEEfConvertChannels::OpenSource(LSoundSource& input) {
+    return LSPConvChannels(m_channels).OpenSource(input);
+}
+
+SEEfEffectChain::SEEfEffectChain(std::shared_ptr<SEFile> file, SESelection const& selection,
+                                 std::shared_ptr<LSoundProcessMulti const> chain)
+    : SEEfSoundSourceProcess(std::move(file), selection), m_chain(std::move(chain)) {}
 
 SEEfEnvelope::SEEfEnvelope(std::shared_ptr<SEFile> file, SESelection const& selection,
                            LSPEnvelope const& envelope, char const* name)

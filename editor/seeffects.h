@@ -13,8 +13,10 @@
 #include "llib/snd/amplitude.h"
 #include "llib/snd/cutlistaudio.h"
 #include "llib/snd/equalizer.h"
+#include "llib/snd/soundprocessmulti.h"
 #include "llib/snd/soundsource.h"
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -123,6 +125,34 @@ private:
     float m_gain;
 };
 
+// Brings the part's highest peak (over all channels) to `targetPeak`, a factor of full scale,
+// through the segments' gains like amplify. A silent part is left as it is.
+class SEEfNormalize final : public SEEfCutListProcess {
+public:
+    SEEfNormalize(std::shared_ptr<SEFile> file, SESelection const& selection, float targetPeak);
+    [[nodiscard]] char const* GetEffectName() const override { return "Normalize"; }
+    [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
+                                                LCutListAudio& part) override;
+
+private:
+    float m_targetPeak;
+};
+
+// Takes each channel's mean value out of the part, so that it swings around zero.
+class SEDCOffsetCorrection final : public SEEfCutListProcess {
+public:
+    using SEEfCutListProcess::SEEfCutListProcess;
+    [[nodiscard]] char const* GetEffectName() const override { return "DC Offset Correction"; }
+    [[nodiscard]] LProcessResult ProcessCutList(LProcessInterface& process,
+                                                LCutListAudio& part) override;
+};
+
+// Reads `part` from its start in blocks under the progress display, handing each block
+// (interleaved, `frames` frames) to `block`. kStopped when the user stopped it.
+[[nodiscard]] LProcessResult
+SEScanCutList(LProcessInterface& process, LCutListAudio const& part,
+              std::function<void(float const* samples, long long frames)> const& block);
+
 // A volume envelope over the part, positions counted from its start: the fades and the drawn
 // envelope. Rendered through the envelope's source.
 class SEEfEnvelope final : public SEEfSoundSourceProcess {
@@ -143,6 +173,52 @@ private:
 // The envelope of a fade over `frames`: in rises from silence to the audio's level, out falls
 // from it to silence.
 [[nodiscard]] LSPEnvelope SEFadeEnvelope(bool in, long long frames, LEnvelopeShape shape);
+
+// Moves a stereo part between the channels along a pan line (positions from the part's start).
+class SEEfStereoPan final : public SEEfSoundSourceProcess {
+public:
+    SEEfStereoPan(std::shared_ptr<SEFile> file, SESelection const& selection, LSPPan const& pan);
+    using SEEfSoundSourceProcess::OpenSource;
+    [[nodiscard]] char const* GetEffectName() const override { return "Stereo Pan"; }
+    [[nodiscard]] LSoundSource OpenSource(LSoundSource& input) override {
+        return m_pan.OpenSource(input);
+    }
+
+private:
+    LSPPan m_pan;
+};
+
+// Changes the whole document's channel count: join channels mixes them into one, convert to
+// stereo spreads one channel onto two. Only a selection of the whole document can change its
+// channel count, so these run on the whole document.
+class SEEfConvertChannels final : public SEEfSoundSourceProcess {
+public:
+    SEEfConvertChannels(std::shared_ptr<SEFile> file, unsigned char channels);
+    using SEEfSoundSourceProcess::OpenSource;
+    [[nodiscard]] char const* GetEffectName() const override {
+        return m_channels == 1 ? "Join Channels" : "Convert to Stereo";
+    }
+    [[nodiscard]] LSoundSource OpenSource(LSoundSource& input) override;
+
+private:
+    unsigned char m_channels;
+};
+
+// Every effect of a chain in order. The chain is shared, not copied: preview and application
+// read the same object.
+class SEEfEffectChain final : public SEEfSoundSourceProcess {
+public:
+    SEEfEffectChain(std::shared_ptr<SEFile> file, SESelection const& selection,
+                    std::shared_ptr<LSoundProcessMulti const> chain);
+    using SEEfSoundSourceProcess::OpenSource;
+    [[nodiscard]] char const* GetEffectName() const override { return "Apply Effect Chain"; }
+    [[nodiscard]] LSoundSource OpenSource(LSoundSource& input) override {
+        return m_chain->OpenSource(input);
+    }
+
+private:
+    std::shared_ptr<LSoundProcessMulti const> m_chain;
+};
 
 // Plays the part backwards: rendered into new cache audio, read from its end in blocks.
 class SEEfReverse final : public SEEfCutListProcess {

@@ -123,6 +123,11 @@ void SEHeadlessUI::StartPlayback(SEFileGUI& view) {
     ++m_playbackStarts;
 }
 
+void SEHeadlessUI::PlaySource(SEFileGUI& view, LSoundSource const& source) {
+    (void)view;
+    m_preview = source;
+}
+
 void SEHeadlessUI::UpdateUndoItems(char const* undoLabel, bool undoEnabled, char const* redoLabel,
                                    bool redoEnabled) {
     m_undoText = undoLabel;

@@ -42,6 +42,8 @@ public:
     [[nodiscard]] std::vector<int> const& GetEvents() const { return m_events; }
     void ClearEvents() { m_events.clear(); }
     [[nodiscard]] int GetPlaybackStarts() const { return m_playbackStarts; }
+    // The source of the last preview (an empty reference before the first).
+    [[nodiscard]] LSoundSource const& GetLastPreview() const { return m_preview; }
     [[nodiscard]] int GetRedraws() const { return m_redraws; }
     [[nodiscard]] std::string const& GetUndoText() const { return m_undoText; }
     [[nodiscard]] std::string const& GetRedoText() const { return m_redoText; }
@@ -58,6 +60,7 @@ public:
     void DocumentEvent(SEFileGUI& view, int event) override;
     void Redraw(SEFileGUI& view) override;
     void StartPlayback(SEFileGUI& view) override;
+    void PlaySource(SEFileGUI& view, LSoundSource const& source) override;
     void UpdateUndoItems(char const* undoLabel, bool undoEnabled, char const* redoLabel,
                          bool redoEnabled) override;
 
@@ -76,6 +79,7 @@ private:
     std::vector<Shown> m_messages;
     std::vector<int> m_events;
     int m_playbackStarts = 0;
+    LSoundSource m_preview;
     int m_redraws = 0;
     std::string m_undoText;
     std::string m_redoText;

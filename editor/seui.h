@@ -8,6 +8,7 @@
 // a command behaves the same whichever front end drives it.
 
 #include "llib/gen/process.h"
+#include "llib/snd/soundsource.h"
 
 #include <functional>
 #include <string>
@@ -65,6 +66,12 @@ public:
     virtual void Redraw(SEFileGUI& view) { (void)view; }
     // Playback of the document from its cursor ("AutoPlaybackAfterEffects").
     virtual void StartPlayback(SEFileGUI& view) { (void)view; }
+    // Plays `source` (an effect's preview of part of the view's document) until it ends or the
+    // user stops it; the call returns at once.
+    virtual void PlaySource(SEFileGUI& view, LSoundSource const& source) {
+        (void)view;
+        (void)source;
+    }
     // The Undo and Redo items: their texts and whether they can be chosen.
     virtual void UpdateUndoItems(char const* undoLabel, bool undoEnabled, char const* redoLabel,
                                  bool redoEnabled) {

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 #include <span>
+#include <utility>
 
 namespace {
 
@@ -408,4 +409,33 @@ long long LSRCOffset::GetEndSample() const {
 
 void LSRCOffset::Seek(long long frame) {
     m_input->Seek(frame - m_offsetFrames);
+}
+
+LSRCDCOffset::LSRCDCOffset(LSoundSource const& input, std::vector<float> offsets)
+    : LSoundProcessBase(input), m_offsets(std::move(offsets)) {
+    m_offsets.resize(GetChannels(), 0.0f);
+}
+
+void LSRCDCOffset::Read(float* buffer, long long frames) {
+    if (buffer == nullptr || frames <= 0) {
+        return;
+    }
+    m_input->Read(buffer, frames);
+    std::size_t const channels = m_offsets.size();
+    float const* const offsets = m_offsets.data();
+    if (channels == 2) {
+        // The common case in a form the vectoriser takes: pairs of values.
+        float const left = offsets[0];
+        float const right = offsets[1];
+        for (long long f = 0; f < frames; ++f) {
+            buffer[2 * f] += left;
+            buffer[2 * f + 1] += right;
+        }
+        return;
+    }
+    for (long long f = 0; f < frames; ++f) {
+        for (std::size_t c = 0; c < channels; ++c) {
+            buffer[static_cast<std::size_t>(f) * channels + c] += offsets[c];
+        }
+    }
 }

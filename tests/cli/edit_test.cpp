@@ -12,6 +12,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,42 @@ TEST_F(CliEditTest, CutAndPasteBetweenFilesThenSave) {
     EXPECT_EQ(Read(PathOf("out.wav")), expected);
 }
 
+TEST_F(CliEditTest, EffectsTakeTheirSettingsAndChangeTheSavedFile) {
+    std::string const a = MakeInput("a.wav", 22050, 0);
+    std::vector<float> const in = Read(a);
+    std::string out;
+    ASSERT_EQ(
+        Cli({a, "-o", PathOf("out.wav"), "--do", "join-channels", "--do", "normalize peak-db=-3",
+             "--do", "select start=0 end=100smp", "--do", "fade-in shape=linear"},
+            &out),
+        0)
+        << out;
+    LSoundSource source;
+    LTestProcess process;
+    ASSERT_EQ(ProcessGenSourceOpenSource(source, PathOf("out.wav").c_str(), process),
+              LProcessResult::kCompleted);
+    ASSERT_EQ(source->GetChannels(), 1u);
+    ASSERT_EQ(source->GetEndSample(), 22050);
+    std::vector<float> mono(22050);
+    source->Read(mono.data(), 22050);
+    // Joined, then scaled so that the loudest value is -3 dB: every value is the channels' mean
+    // times one factor, to within the 16-bit steps and their dither (up to one step either way).
+    double peakIn = 0.0;
+    double peakOut = 0.0;
+    for (std::size_t f = 0; f < mono.size(); ++f) {
+        peakIn = std::max(peakIn, std::abs(0.5 * (in[2 * f] + in[2 * f + 1])));
+        peakOut = std::max(peakOut, static_cast<double>(std::abs(mono[f])));
+    }
+    EXPECT_NEAR(peakOut, std::pow(10.0, -3.0 / 20.0), 2.0 / 32767);
+    double const factor = peakOut / peakIn;
+    for (std::size_t f : {100u, 5000u, 22049u}) {
+        EXPECT_NEAR(mono[f], 0.5 * (in[2 * f] + in[2 * f + 1]) * factor, 2.5 / 32767) << f;
+    }
+    // The fade over the first 100 frames starts from silence.
+    EXPECT_NEAR(mono[0], 0.0f, 1.5 / 32767);
+    EXPECT_NEAR(mono[50], 0.5 * (in[100] + in[101]) * factor * 0.5, 2.5 / 32767);
+}
+
 TEST_F(CliEditTest, AFailingStepIsNamedAndNothingIsSaved) {
     std::string const a = MakeInput("a.wav", 4410, 0);
     std::string const script = "select start=0 end=0.05\n\ncut\npaste\nundo\nundo\nundo\n";
@@ -125,10 +162,14 @@ TEST_F(CliEditTest, AFailingStepIsNamedAndNothingIsSaved) {
               1,
               "tessel-cli: step 1 (select): The end of the selection, \"-1\", is not a time or "
               "a sample position.\n"},
-             {{"--do", "4002"},
+             {{"--do", "4004"},
               1,
-              "tessel-cli: step 1 (normalize): \"Normalize to optimal level\" is not available "
-              "in this version of Tessel.\n"},
+              "tessel-cli: step 1 (echo): \"Echo\" is not available in this version of "
+              "Tessel.\n"},
+             {{"--do", "normalize peak-db=+6"},
+              1,
+              "tessel-cli: step 1 (normalize): The peak level \"+6\" is not a level from -96 to "
+              "0 dB.\n"},
              {{"--do", "shuffle"},
               2,
               "tessel-cli: --do 'shuffle': unknown command 'shuffle'\nTry 'tessel-cli --help' "

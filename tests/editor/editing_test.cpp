@@ -7,7 +7,9 @@
 
 #include "llib/gen/settings.h"
 #include "llib/snd/cache.h"
+#include "llib/snd/gain.h"
 #include "llib/snd/gensource.h"
+#include "llib/snd/soundprocessmulti.h"
 #include "tests/support/testprocess.h"
 #include "tests/support/testsources.h"
 #include "tests/support/tempdir.h"
@@ -346,6 +348,185 @@ TEST_F(EditorTest, AmplifyChangesSegmentGainsWithoutRendering) {
     EXPECT_EQ(Samples(file.GetAudio()), after);
     EXPECT_EQ(m_ui.GetUndoText(), "Undo Amplify");
     EXPECT_EQ(SEParameterKey("Depth (Semitone)"), "depth-semitone");
+    // The last gain chosen is remembered for the next dialog and for batch jobs.
+    EXPECT_EQ(m_settings->GetInt("StoredValues", "AmplifyGain", 0), 50);
+}
+
+TEST_F(EditorTest, NormalizeBringsThePeakToTheTargetThroughSegmentGains) {
+    SEFile& file = AddRamp(4000, 2);
+    std::vector<float> const original = Samples(file.GetAudio());
+    std::size_t const cacheFiles = CountFiles(PathOf("cache"));
+    ASSERT_EQ(Select("1000smp", "2000smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kNormalize, {{"peak-db", "-6"}}), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Normalize");
+    std::vector<float> const after = Samples(file.GetAudio());
+    // The loudest value of the range is the right channel's last frame.
+    float const peak = original[1999 * 2 + 1];
+    float const target = static_cast<float>(std::pow(10.0, -6.0 / 20.0));
+    EXPECT_NEAR(after[1999 * 2 + 1], target, 1e-6);
+    EXPECT_NEAR(after[1000 * 2], original[1000 * 2] * target / peak, 1e-6);
+    EXPECT_EQ(after[999 * 2 + 1], original[999 * 2 + 1]);
+    EXPECT_EQ(after[2000 * 2 + 1], original[2000 * 2 + 1]);
+    EXPECT_EQ(CountFiles(PathOf("cache")), cacheFiles);
+    EXPECT_NEAR(m_settings->GetDouble("Settings", "NormalizeTargetPeak", 0.0), target, 1e-6);
+
+    // Out of range or not a number: refused, nothing changed. A silent range stays silent.
+    EXPECT_EQ(Run(SECmd::kNormalize, {{"peak-db", "3"}}), SEResult::kFailed);
+    EXPECT_EQ(Run(SECmd::kNormalize, {{"peak-db", "loud"}}), SEResult::kFailed);
+    EXPECT_EQ(Samples(file.GetAudio()), after);
+    ASSERT_EQ(Run(SECmd::kSilence), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kNormalize, {{"peak-db", "0"}}), SEResult::kDone);
+    std::vector<float> const silent = Samples(file.GetAudio());
+    EXPECT_TRUE(std::all_of(silent.begin() + 2000, silent.begin() + 4000,
+                            [](float v) { return v == 0.0f; }));
+
+    // Stopped while it looks for the peak: the document and the Undo item as they were.
+    ASSERT_EQ(Run(SECmd::kSelectAll), SEResult::kDone);
+    m_ui.StopAfterProgressReports(0);
+    EXPECT_EQ(Run(SECmd::kNormalize, {{"peak-db", "0"}}), SEResult::kCancelled);
+    m_ui.StopAfterProgressReports(-1);
+    EXPECT_EQ(Samples(file.GetAudio()), silent);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Normalize");
+}
+
+TEST_F(EditorTest, DCOffsetCorrectionCentresEachChannel) {
+    long long const frames = 3000;
+    std::vector<float> samples = MakeSine(44100, 2, 441.0, 0.5, frames);
+    for (long long f = 0; f < frames; ++f) {
+        samples[static_cast<std::size_t>(f) * 2] += 0.125f;
+        samples[static_cast<std::size_t>(f) * 2 + 1] -= 0.25f;
+    }
+    SEFile& file = AddSamples(samples, 2, 44100, "offset.wav");
+    ASSERT_EQ(Run(SECmd::kDCOffset), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo DC Offset Correction");
+    std::vector<float> const after = Samples(file.GetAudio());
+    ASSERT_EQ(after.size(), samples.size());
+    std::vector<double> means(2, 0.0);
+    for (std::size_t i = 0; i < after.size(); ++i) {
+        means[i % 2] += after[i] / static_cast<double>(frames);
+    }
+    // 3000 frames hold 30 whole periods of the sine, so the offsets are the whole mean.
+    EXPECT_NEAR(means[0], 0.0, 1e-6);
+    EXPECT_NEAR(means[1], 0.0, 1e-6);
+    EXPECT_NEAR(after[100 * 2], samples[100 * 2] - 0.125f, 1e-6);
+    EXPECT_NEAR(after[100 * 2 + 1], samples[100 * 2 + 1] + 0.25f, 1e-6);
+}
+
+TEST_F(EditorTest, EnvelopesFollowTheirPointsFromTheSelectionsStart) {
+    SEFile& file = AddRamp(1000, 1);
+    std::vector<float> const original = Samples(file.GetAudio());
+    ASSERT_EQ(Select("200smp", "600smp"), SEResult::kDone);
+    // Percent: from silence at the selection's start up to full level 100 frames later.
+    ASSERT_EQ(Run(SECmd::kEnvelope, {{"points", "0smp:0,100smp:100"}}), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Envelope");
+    std::vector<float> const after = Samples(file.GetAudio());
+    for (long long q : {0LL, 1LL, 50LL, 99LL}) {
+        std::size_t const f = static_cast<std::size_t>(200 + q);
+        EXPECT_NEAR(after[f], original[f] * static_cast<float>(q) / 100.0f, 1e-7) << q;
+    }
+    EXPECT_EQ(after[300], original[300]);
+    EXPECT_EQ(after[199], original[199]);
+
+    // Decibels, with a curve: -6.0206 dB is half the level.
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kEnvelopeDb,
+                  {{"points", "0smp:-6.0206,400smp:-6.0206"}, {"shape", "sinusoidal"}}),
+              SEResult::kDone);
+    std::vector<float> const halved = Samples(file.GetAudio());
+    EXPECT_NEAR(halved[400], original[400] * 0.5f, 1e-6);
+    EXPECT_EQ(Run(SECmd::kEnvelope, {{"points", "0smp:2000"}}), SEResult::kFailed);
+    EXPECT_EQ(Run(SECmd::kEnvelope, {{"points", "soon:50"}}), SEResult::kFailed);
+    EXPECT_EQ(Run(SECmd::kEnvelope, {{"points", "0smp:50"}, {"shape", "wobbly"}}),
+              SEResult::kFailed);
+    EXPECT_EQ(Samples(file.GetAudio()), halved);
+}
+
+TEST_F(EditorTest, PanMovesStereoBetweenTheChannelsAndRefusesMono) {
+    SEFile& file = AddRamp(500, 2);
+    std::vector<float> const original = Samples(file.GetAudio());
+    ASSERT_EQ(Run(SECmd::kPan, {{"pan", "-100"}}), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Stereo Pan");
+    std::vector<float> after = Samples(file.GetAudio());
+    for (std::size_t f : {0u, 250u, 499u}) {
+        EXPECT_EQ(after[f * 2], original[f * 2]) << f;
+        EXPECT_NEAR(after[f * 2 + 1], 0.0f, 1e-7) << f;
+    }
+    // Centre is constant power; beyond full right is full right.
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kPan, {{"pan", "0"}}), SEResult::kDone);
+    after = Samples(file.GetAudio());
+    EXPECT_NEAR(after[100 * 2], original[100 * 2] * 0.70710678f, 1e-6);
+    EXPECT_NEAR(after[100 * 2 + 1], original[100 * 2 + 1] * 0.70710678f, 1e-6);
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kPan, {{"pan", "500"}}), SEResult::kDone);
+    after = Samples(file.GetAudio());
+    EXPECT_NEAR(after[100 * 2], 0.0f, 1e-7);
+    // A pan line from left to right over the first 100 frames.
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kPan, {{"points", "0smp:-100,100smp:100"}}), SEResult::kDone);
+    after = Samples(file.GetAudio());
+    EXPECT_NEAR(after[50 * 2], original[50 * 2] * 0.70710678f, 1e-6);
+
+    AddRamp(100, 1, 44100, "mono.wav");
+    EXPECT_EQ(Run(SECmd::kPan, {{"pan", "0"}}), SEResult::kFailed);
+    EXPECT_NE(m_dialog->GetLastError().find("not stereo"), std::string::npos);
+}
+
+TEST_F(EditorTest, ChannelCountChangesForTheWholeDocumentAndUndo) {
+    SEFile& file = AddRamp(300, 2);
+    std::vector<float> const original = Samples(file.GetAudio());
+    ASSERT_EQ(Select("10smp", "20smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kJoinChannels), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Join Channels");
+    ASSERT_EQ(file.GetAudio().GetChannels(), 1u);
+    std::vector<float> const mono = Samples(file.GetAudio());
+    ASSERT_EQ(mono.size(), 300u);
+    EXPECT_NEAR(mono[7], (original[14] + original[15]) * 0.5f, 1e-7);
+    EXPECT_EQ(Run(SECmd::kJoinChannels), SEResult::kIgnored);
+
+    ASSERT_EQ(Run(SECmd::kToStereo), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Convert to Stereo");
+    ASSERT_EQ(file.GetAudio().GetChannels(), 2u);
+    std::vector<float> const stereo = Samples(file.GetAudio());
+    EXPECT_EQ(stereo[2 * 7], mono[7]);
+    EXPECT_EQ(stereo[2 * 7 + 1], mono[7]);
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    EXPECT_EQ(file.GetAudio().GetChannels(), 2u);
+    EXPECT_EQ(Samples(file.GetAudio()), original);
+}
+
+TEST_F(EditorTest, EffectChainsApplyAndPreviewTheSameEffects) {
+    SEFile& file = AddRamp(2000, 2);
+    std::vector<float> const original = Samples(file.GetAudio());
+    LSoundProcessMulti chain;
+    auto half = std::make_unique<LSPGain>();
+    int const percent = 50;
+    half->SetParameterByIndex(0, &percent);
+    chain.Add(std::move(half));
+    chain.Add(std::make_unique<LSPUnknown>(20));
+    std::string error;
+    ASSERT_TRUE(LSaveEffectChainFile(PathOf("half.chain").c_str(), chain, error)) << error;
+
+    ASSERT_EQ(Select("100smp", "1100smp"), SEResult::kDone);
+    ASSERT_EQ(Run(SECmd::kEffectChainPreview, {{"path", PathOf("half.chain")}}), SEResult::kDone);
+    LSoundSource preview = m_ui.GetLastPreview();
+    ASSERT_TRUE(preview.Get() != nullptr);
+    std::vector<float> const heard = ReadAll(preview, 333);
+    EXPECT_FALSE(m_ui.IsUndoEnabled()); // a preview changes nothing
+    ASSERT_EQ(Run(SECmd::kEffectChain, {{"path", PathOf("half.chain")}}), SEResult::kDone);
+    EXPECT_EQ(m_ui.GetUndoText(), "Undo Apply Effect Chain");
+    // The effect the chain lacks is named and left out; the rest is applied.
+    EXPECT_NE(m_ui.GetMessages().back().text.find("1 of the chain's 2 effects"), std::string::npos);
+    std::vector<float> const after = Samples(file.GetAudio());
+    EXPECT_EQ(after[50 * 2], original[50 * 2]);
+    EXPECT_EQ(after[600 * 2 + 1], original[600 * 2 + 1] * 0.5f);
+    // What the preview played is what was applied.
+    ASSERT_EQ(heard.size(), 2000u);
+    EXPECT_TRUE(std::equal(heard.begin(), heard.end(), after.begin() + 200));
+
+    EXPECT_EQ(Run(SECmd::kEffectChain, {{"path", PathOf("missing.chain")}}), SEResult::kFailed);
+    EXPECT_EQ(Samples(file.GetAudio()), after);
 }
 
 TEST_F(EditorTest, FadesShapeTheSelectionAndLeaveTheRestAlone) {
@@ -531,9 +712,9 @@ TEST_F(EditorTest, DispatchNeedsADocumentAndKnowsWhatIsNotBuilt) {
     EXPECT_TRUE(m_ui.IsUndoEnabled());
     EXPECT_EQ(m_ui.GetUndoText(), "Undo Cut");
 
-    EXPECT_EQ(Run(4002), SEResult::kUnavailable);
+    EXPECT_EQ(Run(4004), SEResult::kUnavailable);
     EXPECT_EQ(m_ui.GetMessages().back().text,
-              "\"Normalize to optimal level\" is not available in this version of Tessel.");
+              "\"Echo\" is not available in this version of Tessel.");
     EXPECT_EQ(m_dialog->GetUndoItemText(), "Undo Cut");
 
     // Every command of the table is either handled or reported, never silently taken.

@@ -198,3 +198,15 @@ public:
 private:
     long long m_offsetFrames;
 };
+
+// Adds a constant to every value of each channel (`offsets[c]` to channel c; channels beyond the
+// list unchanged): DC offset correction adds minus each channel's mean.
+class LSRCDCOffset final : public LSoundProcessBase {
+public:
+    LSRCDCOffset(LSoundSource const& input, std::vector<float> offsets);
+
+    void Read(float* buffer, long long frames) override;
+
+private:
+    std::vector<float> m_offsets; // one per channel of the input
+};
