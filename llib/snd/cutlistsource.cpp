@@ -97,7 +97,8 @@ std::uint16_t ScaleCode(std::uint16_t code, float magnitude) {
 
 LCutListAudioSource::LCutListAudioSource(LCutListAudio const& list)
     : LSoundSourceBase(list.GetSampleRate(), list.GetChannels()),
-      m_endFrames(list.GetLengthFrames()) {
+      m_endFrames(list.GetLengthFrames()),
+      m_ahead(std::make_unique_for_overwrite<float[]>(kAheadSamples)) {
     m_pieces.reserve(list.GetSegmentCount());
     long long start = 0;
     for (LCutListSegment const& segment : list.GetSegments()) {
@@ -144,6 +145,7 @@ void LCutListAudioSource::OpenItem(unsigned short item) {
     m_file.Close();
     m_openItem = item;
     m_openItemFrames = 0;
+    m_aheadFrames = 0;
     char path[kLMaxText];
     LSoundCache::GetFilePath(item, path, kLSoundCacheExtAud);
     if (!m_file.Open(path, O_RDONLY)) {
@@ -152,6 +154,31 @@ void LCutListAudioSource::OpenItem(unsigned short item) {
     std::int64_t const bytes = m_file.GetSize();
     long long const frameBytes = static_cast<long long>(GetChannels()) * 4;
     m_openItemFrames = bytes > 0 ? bytes / frameBytes : 0;
+}
+
+void LCutListAudioSource::ReadItem(float* out, long long from, long long frames) {
+    unsigned const channels = GetChannels();
+    auto const frameBytes = static_cast<std::int64_t>(channels) * 4;
+    if (channels == 0) {
+        return;
+    }
+    long long const aheadFrames = kAheadSamples / channels;
+    if (frames * 8 > aheadFrames) {
+        std::int64_t const got = m_file.PReadFull(out, frames * frameBytes, from * frameBytes);
+        long long const gotFrames = got > 0 ? got / frameBytes : 0;
+        Zero(out + gotFrames * channels, frames - gotFrames, channels);
+        return;
+    }
+    if (from < m_aheadStart || from + frames > m_aheadStart + m_aheadFrames) {
+        long long const want = std::min(aheadFrames, m_openItemFrames - from);
+        std::int64_t const got =
+            m_file.PReadFull(m_ahead.get(), want * frameBytes, from * frameBytes);
+        m_aheadStart = from;
+        m_aheadFrames = got > 0 ? got / frameBytes : 0;
+    }
+    long long const have = std::clamp(m_aheadStart + m_aheadFrames - from, 0LL, frames);
+    std::copy_n(m_ahead.get() + (from - m_aheadStart) * channels, have * channels, out);
+    Zero(out + have * channels, frames - have, channels);
 }
 
 void LCutListAudioSource::ReadPiece(Piece const& piece, long long from, float* out,
@@ -170,12 +197,7 @@ void LCutListAudioSource::ReadPiece(Piece const& piece, long long from, float* o
     long long const b = std::clamp(m_openItemFrames, a, last);
     Zero(out, a - first, channels);
     if (b > a) {
-        std::uint64_t const frameBytes = static_cast<std::uint64_t>(channels) * sizeof(float);
-        float* const target = out + (a - first) * channels;
-        std::int64_t got = m_file.PReadFull(target, static_cast<std::uint64_t>(b - a) * frameBytes,
-                                            static_cast<std::uint64_t>(a) * frameBytes);
-        long long const gotFrames = got > 0 ? got / static_cast<std::int64_t>(frameBytes) : 0;
-        Zero(target + gotFrames * channels, b - a - gotFrames, channels);
+        ReadItem(out + (a - first) * channels, a, b - a);
     }
     Zero(out + (b - first) * channels, last - b, channels);
     if (piece.gain != 1.0f) {

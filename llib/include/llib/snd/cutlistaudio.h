@@ -229,7 +229,9 @@ private:
 // item's ".aud" and multiplied by the segment's gain unless it is exactly 1.0, silence segments
 // as zeros. Seek goes anywhere: before 0 and past the end read as silence. Holds its own item
 // references (a snapshot of the list), released when the source goes. Read allocates nothing;
-// crossing into a segment of another item opens that item's file.
+// crossing into a segment of another item opens that item's file. Small reads (a limiter's
+// blocks) are served from a read-ahead block of the item, so that reading in blocks of a few
+// hundred frames costs one system call per 256 KiB rather than one per block.
 class LCutListAudioSource final : public LSoundSourceBase {
 public:
     explicit LCutListAudioSource(LCutListAudio const& list);
@@ -251,6 +253,10 @@ private:
     // Makes `item`'s ".aud" the open file (kept while consecutive pieces use the same item).
     void OpenItem(unsigned short item);
     void ReadPiece(Piece const& piece, long long from, float* out, long long frames);
+    // Frames [from, from + frames) of the open item, all inside its file.
+    void ReadItem(float* out, long long from, long long frames);
+
+    static constexpr long long kAheadSamples = 65536;
 
     std::vector<Piece> m_pieces;
     long long m_endFrames = 0;
@@ -259,6 +265,9 @@ private:
     unsigned short m_openItem = kLSoundCacheItemNone;
     LFileDescriptor m_file;
     long long m_openItemFrames = 0;
+    std::unique_ptr<float[]> m_ahead;
+    long long m_aheadStart = 0; // the open item's frames held in m_ahead
+    long long m_aheadFrames = 0;
 };
 
 // Records or renders new audio into a new cache item and links it into a cut list. Written frames
