@@ -31,9 +31,12 @@ std::string Quote(std::string const& value) {
     return out + "\"";
 }
 
+// Commands that read or write files by name are left out: a path such as /dev/stdin would
+// block, and saving would fill the disk.
 bool TouchesFiles(int id) {
     return id == SECmd::kOpen || id == SECmd::kSave || id == SECmd::kSaveAs ||
-           id == SECmd::kSaveAll || id == SECmd::kSaveChanges || id == SECmd::kClose;
+           id == SECmd::kSaveAll || id == SECmd::kSaveChanges || id == SECmd::kClose ||
+           id == SECmd::kEffectChain || id == SECmd::kEffectChainPreview;
 }
 
 } // namespace
