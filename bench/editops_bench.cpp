@@ -61,18 +61,6 @@ public:
     bool IsToStop() override { return false; }
 };
 
-// The sizes of the files in `folder`, by name.
-std::map<std::string, std::uintmax_t> FileSizes(std::string const& folder) {
-    std::map<std::string, std::uintmax_t> sizes;
-    std::error_code error;
-    for (auto const& entry : std::filesystem::directory_iterator(folder, error)) {
-        std::error_code sizeError;
-        std::uintmax_t const bytes = entry.file_size(sizeError);
-        sizes[entry.path().filename().string()] = sizeError ? 0 : bytes;
-    }
-    return sizes;
-}
-
 // One editor with one open document, made on first use.
 struct Session {
     std::string dir;
@@ -139,7 +127,7 @@ Growth GrowthOf(std::map<std::string, std::uintmax_t> const& before,
 // folder grew or appeared, or a command failed.
 void CheckNoSamplesCopied(Session& s) {
     std::string const folder = LSoundCache::GetFolder();
-    std::map<std::string, std::uintmax_t> const before = FileSizes(folder);
+    std::map<std::string, std::uintmax_t> const before = BenchFileSizes(folder);
     SEFileGUI& copy = s.dialog->GetWindows().Add(std::make_shared<SEFile>(s.built));
     std::string failed;
     Growth grown;
@@ -156,7 +144,7 @@ void CheckNoSamplesCopied(Session& s) {
         if (failed.empty()) {
             failed = RunCommand(s, SECmd::kRedo, kDocumentFrames);
         }
-        grown = GrowthOf(before, FileSizes(folder));
+        grown = GrowthOf(before, BenchFileSizes(folder));
     }
     s.dialog->GetWindows().Remove(&copy);
     char text[200];

@@ -138,17 +138,6 @@ bool IsAsOpened(Session const& s) {
            head->GetOffsetFrames() == 0 && head->GetGain() == 1.0f;
 }
 
-std::map<std::string, std::uintmax_t> FileSizes(std::string const& folder) {
-    std::map<std::string, std::uintmax_t> sizes;
-    std::error_code error;
-    for (auto const& entry : std::filesystem::directory_iterator(folder, error)) {
-        std::error_code sizeError;
-        std::uintmax_t const bytes = entry.file_size(sizeError);
-        sizes[entry.path().filename().string()] = sizeError ? 0 : bytes;
-    }
-    return sizes;
-}
-
 // Each effect once, read back, undone and read back. Sets s.error at the first fault.
 void CheckEffects(Session& s) {
     auto const half = [](long long) { return 0.5; };
@@ -157,9 +146,9 @@ void CheckEffects(Session& s) {
         return static_cast<double>(frame) / static_cast<double>(kDocumentFrames);
     };
     std::string const folder = LSoundCache::GetFolder();
-    std::map<std::string, std::uintmax_t> const before = FileSizes(folder);
+    std::map<std::string, std::uintmax_t> const before = BenchFileSizes(folder);
     std::string error = RunCommand(s, SECmd::kAmplify, {{"gain-percentage", "50"}});
-    if (error.empty() && FileSizes(folder) != before) {
+    if (error.empty() && BenchFileSizes(folder) != before) {
         error = "amplify wrote into the cache folder: it rendered audio";
     }
     if (error.empty()) {

@@ -44,27 +44,11 @@ empty_cache() { rm -rf "$XDG_CACHE_HOME"; }
 empty_cache
 ours "$work/ours.wav" >/dev/null 2>&1 || { echo "tessel-cli edit failed" >&2; exit 1; }
 theirs "$work/sox.wav" || { echo "sox failed" >&2; exit 1; }
-python3 - "$work/in.wav" "$work/ours.wav" "$work/sox.wav" "$((60 * rate))" <<'EOF'
-import struct, sys
+PYTHONPATH="$(dirname "${BASH_SOURCE[0]}")" python3 - "$work/in.wav" "$work/ours.wav" "$work/sox.wav" "$((60 * rate))" <<'EOF'
+import sys
+import wavpcm
 
-def pcm(path):
-    """The fmt fields (tag, channels, rate, byte rate, block align, bits) and the data bytes."""
-    with open(path, 'rb') as f:
-        d = f.read()
-    if d[:4] != b'RIFF' or d[8:12] != b'WAVE':
-        sys.exit(f'{path}: not a RIFF WAVE file')
-    at, fmt, data = 12, None, None
-    while at + 8 <= len(d):
-        cid, size = struct.unpack('<4sI', d[at:at + 8])
-        body = d[at + 8:at + 8 + size]
-        if cid == b'fmt ':
-            fmt = struct.unpack('<HHIIHH', body[:16])
-        elif cid == b'data':
-            data = body
-        at += 8 + size + (size & 1)
-    if fmt is None or data is None:
-        sys.exit(f'{path}: no fmt or data chunk')
-    return fmt, data
+pcm = wavpcm.read_wav
 
 (fi, di), (fo, do), (fs, ds) = pcm(sys.argv[1]), pcm(sys.argv[2]), pcm(sys.argv[3])
 minute = int(sys.argv[4]) * fi[4]

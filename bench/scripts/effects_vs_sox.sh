@@ -55,26 +55,13 @@ amplify_ours "$work/amplify.wav" >/dev/null 2>&1 || { echo "tessel-cli amplify f
 fade_ours "$work/fade.wav" >/dev/null 2>&1 || { echo "tessel-cli fade-in failed" >&2; exit 1; }
 amplify_sox "$work/amplify-sox.wav" || { echo "sox vol failed" >&2; exit 1; }
 fade_sox "$work/fade-sox.wav" || { echo "sox fade failed" >&2; exit 1; }
-python3 - "$work" <<'EOF'
-import array, collections, itertools, operator, struct, sys
+PYTHONPATH="$(dirname "${BASH_SOURCE[0]}")" python3 - "$work" <<'EOF'
+import array, collections, itertools, operator, sys
+import wavpcm
 
 def pcm(path):
-    """The fmt fields (tag, channels, rate, byte rate, block align, bits) and the samples."""
-    with open(path, 'rb') as f:
-        d = f.read()
-    if d[:4] != b'RIFF' or d[8:12] != b'WAVE':
-        sys.exit(f'{path}: not a RIFF WAVE file')
-    at, fmt, data = 12, None, None
-    while at + 8 <= len(d):
-        cid, size = struct.unpack('<4sI', d[at:at + 8])
-        body = d[at + 8:at + 8 + size]
-        if cid == b'fmt ':
-            fmt = struct.unpack('<HHIIHH', body[:16])
-        elif cid == b'data':
-            data = body
-        at += 8 + size + (size & 1)
-    if fmt is None or data is None:
-        sys.exit(f'{path}: no fmt or data chunk')
+    """The fmt fields and the samples of a 16-bit stereo file."""
+    fmt, data = wavpcm.read_wav(path)
     if fmt[0] != 1 or fmt[1] != 2 or fmt[5] != 16:
         sys.exit(f'{path}: not 16-bit stereo PCM: {fmt}')
     samples = array.array('h')

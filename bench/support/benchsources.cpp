@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 std::vector<float> MakeBenchNoise(long long count, float amplitude, std::uint32_t seed) {
     std::vector<float> samples(static_cast<std::size_t>(count > 0 ? count : 0));
@@ -47,4 +49,15 @@ void LBenchNoiseSource::Read(float* buffer, long long frames) {
         m_position += n;
     }
     m_position += silentFrames;
+}
+
+std::map<std::string, std::uintmax_t> BenchFileSizes(std::string const& folder) {
+    std::map<std::string, std::uintmax_t> sizes;
+    std::error_code error;
+    for (auto const& entry : std::filesystem::directory_iterator(folder, error)) {
+        std::error_code sizeError;
+        std::uintmax_t const bytes = entry.file_size(sizeError);
+        sizes[entry.path().filename().string()] = sizeError ? 0 : bytes;
+    }
+    return sizes;
 }

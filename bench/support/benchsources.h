@@ -7,6 +7,8 @@
 #include "llib/snd/soundsource.h"
 
 #include <cstdint>
+#include <map>
+#include <string>
 #include <vector>
 
 class LBenchNoiseSource final : public LSoundSourceBase {
@@ -30,3 +32,6 @@ private:
 // Reproducible white noise in [-amplitude, amplitude], `count` samples.
 [[nodiscard]] std::vector<float> MakeBenchNoise(long long count, float amplitude,
                                                 std::uint32_t seed);
+
+// The sizes of the files in `folder`, by name: a benchmark that must not write compares two.
+[[nodiscard]] std::map<std::string, std::uintmax_t> BenchFileSizes(std::string const& folder);
