@@ -119,6 +119,9 @@ LSRCEq::LSRCEq(LSoundSource const& input, std::shared_ptr<LEqKernel const> kerne
     std::size_t const size = static_cast<std::size_t>(m_kernel->fftSize);
     std::size_t const hop = size - static_cast<std::size_t>(m_kernel->designLength);
     m_block.resize(size * channels);
+    for (std::size_t c = 0; c < channels; ++c) {
+        m_channels.push_back(m_block.data() + c * size);
+    }
     m_output.resize(hop * channels);
     m_scratch.resize(hop * channels);
 }
@@ -174,21 +177,18 @@ void LSRCEq::NextBlock() {
     int const size = m_kernel->fftSize;
     int const overlap = m_kernel->designLength;
     int const hop = size - overlap;
-    std::vector<float*> channels(count);
-    for (unsigned c = 0; c < count; ++c) {
-        channels[c] = m_block.data() + static_cast<std::size_t>(c) * size;
-    }
+    float* const* const channels = m_channels.data();
     if (!m_primed) {
         // The block that yields output frame p starts half the filter's length before it.
         m_blockStart = m_position - overlap / 2;
-        ReadInput(channels.data(), 0, size, m_blockStart);
+        ReadInput(channels, 0, size, m_blockStart);
         m_primed = true;
     } else {
         m_blockStart += hop;
         for (unsigned c = 0; c < count; ++c) {
             std::memmove(channels[c], channels[c] + hop, sizeof(float) * overlap);
         }
-        ReadInput(channels.data(), overlap, hop, m_blockStart + overlap);
+        ReadInput(channels, overlap, hop, m_blockStart + overlap);
     }
     std::complex<float> const* const response = m_kernel->spectrum.data();
     int const bins = size / 2 + 1;

@@ -75,11 +75,12 @@ private:
 
     std::shared_ptr<LEqKernel const> m_kernel;
     std::unique_ptr<LFFTReal> m_fft;
-    std::vector<float> m_block;   // per channel: fftSize input frames, the oldest first
-    std::vector<float> m_output;  // per channel: the hop frames the last block gave
-    std::vector<float> m_scratch; // interleaved input
-    long long m_position;         // the output frame the next Read delivers
-    long long m_blockStart = 0;   // the input frame at the block's start
+    std::vector<float> m_block;     // per channel: fftSize input frames, the oldest first
+    std::vector<float*> m_channels; // each channel's part of m_block
+    std::vector<float> m_output;    // per channel: the hop frames the last block gave
+    std::vector<float> m_scratch;   // interleaved input
+    long long m_position;           // the output frame the next Read delivers
+    long long m_blockStart = 0;     // the input frame at the block's start
     int m_outputFrames = 0;
     int m_outputUsed = 0;
     bool m_primed = false;
