@@ -61,7 +61,9 @@ Walk ChunksOf(std::string const& file) {
     Walk walk;
     for (std::size_t at = 12; at + 8 <= file.size();) {
         std::uint32_t const bytes = Get32(file, at + 4);
-        walk.ids += (walk.ids.empty() ? "" : ",") + file.substr(at, 4);
+        if (!walk.ids.empty())
+            walk.ids += ',';
+        walk.ids.append(file, at, 4);
         walk.bodies.emplace(file.substr(at, 4), file.substr(at + 8, bytes));
         at += 8 + bytes + (bytes & 1);
     }
