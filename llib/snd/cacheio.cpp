@@ -33,28 +33,36 @@ int OpenForWriting(std::string const& path) {
     return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
 }
 
+// Four-float vectors are native to every x86-64 machine; written out as vectors because the
+// compiler leaves the same loop over plain arrays scalar.
+using Lanes = float __attribute__((vector_size(4 * sizeof(float))));
+
 // Folds `frames` interleaved frames into each channel's running maximum and minimum. When the
 // channel count divides 8, sample i of every run of eight belongs to channel i % channels, so
-// runs of eight are folded lane by lane and the lanes combined at the end.
+// runs of eight are folded lane by lane and the lanes combined at the end. A lane takes a
+// sample only when it is strictly beyond, so NaN never enters, as in the plain loop.
 void FoldPeaks(float const* samples, long long frames, unsigned channels, float* top,
                float* bottom) {
     long long const count = frames * channels;
     long long i = 0;
     if (kLanesFit(channels)) {
-        // Plain arrays of eight rather than vector types: the baseline build turns these loops
-        // into packed max/min, where a vector select would go through memory lane by lane.
-        float high[8] = {};
-        float low[8] = {};
+        Lanes high0 = {}, high1 = {}, low0 = {}, low1 = {};
         for (; i + 8 <= count; i += 8) {
-            for (int l = 0; l < 8; ++l) {
-                high[l] = std::max(high[l], samples[i + l]);
-                low[l] = std::min(low[l], samples[i + l]);
-            }
+            Lanes a;
+            Lanes b;
+            std::memcpy(&a, samples + i, sizeof a);
+            std::memcpy(&b, samples + i + 4, sizeof b);
+            high0 = a > high0 ? a : high0;
+            high1 = b > high1 ? b : high1;
+            low0 = a < low0 ? a : low0;
+            low1 = b < low1 ? b : low1;
         }
         for (unsigned l = 0; l < 8; ++l) {
             unsigned const c = l % channels;
-            top[c] = std::max(top[c], high[l]);
-            bottom[c] = std::min(bottom[c], low[l]);
+            float const high = l < 4 ? high0[l] : high1[l - 4];
+            float const low = l < 4 ? low0[l] : low1[l - 4];
+            top[c] = std::max(top[c], high);
+            bottom[c] = std::min(bottom[c], low);
         }
     }
     // What is left (or every sample, for other channel counts), frame-aligned since whole
@@ -89,12 +97,18 @@ LSoundCacheSink::LSoundCacheSink(unsigned short item, int sampleRateHz, unsigned
         SetFailed();
         return;
     }
-    m_aud = OpenForWriting(LSoundCache::GetFilePath(item, kLSoundCacheExtAud));
+    m_aud.Reset(OpenForWriting(LSoundCache::GetFilePath(item, kLSoundCacheExtAud)));
     m_grf = OpenForWriting(LSoundCache::GetFilePath(item, kLSoundCacheExtGrf));
-    if (m_aud < 0 || m_grf < 0) {
+    if (!m_aud.IsOpen() || m_grf < 0) {
         m_systemError = errno;
         SetFailed();
+        return;
     }
+    // Start the disk on what has been written so far instead of leaving it all to the kernel's
+    // later writeback: decoding and writing then overlap, and an hour of audio does not pile up
+    // as dirty memory.
+    m_audWriter.SetWritebackInterval(kWritebackBytes);
+    m_audWriter.Start(m_aud);
 }
 
 LSoundCacheSink::~LSoundCacheSink() {
@@ -109,14 +123,18 @@ bool LSoundCacheSink::WriteAll(int fd, void const* data, std::size_t bytes) {
             continue;
         }
         if (n <= 0) {
-            m_systemError = n < 0 ? errno : ENOSPC;
-            SetFailed();
+            FailWith(n < 0 ? errno : ENOSPC);
             return false;
         }
         p += n;
         bytes -= static_cast<std::size_t>(n);
     }
     return true;
+}
+
+void LSoundCacheSink::FailWith(int systemError) {
+    m_systemError = m_systemError != 0 ? m_systemError : (systemError != 0 ? systemError : EIO);
+    SetFailed();
 }
 
 void LSoundCacheSink::FlushGrf() {
@@ -150,17 +168,10 @@ void LSoundCacheSink::Write(float const* buffer, long long frames) {
     }
     unsigned const channels = GetChannels();
     std::size_t const bytes = static_cast<std::size_t>(frames) * channels * sizeof(float);
-    if (!WriteAll(m_aud, buffer, bytes)) {
+    if (!m_audWriter.Write(buffer, bytes)) {
+        (void)m_audWriter.Finish();
+        FailWith(m_audWriter.GetSystemError());
         return;
-    }
-    // Start the disk on what has been written so far instead of leaving it all to the kernel's
-    // later writeback: decoding and writing then overlap, and an hour of audio does not pile up
-    // as dirty memory.
-    m_audBytes += static_cast<long long>(bytes);
-    if (m_audBytes - m_writebackFrom >= kWritebackBytes) {
-        (void)sync_file_range(m_aud, m_writebackFrom, m_audBytes - m_writebackFrom,
-                              SYNC_FILE_RANGE_WRITE);
-        m_writebackFrom = m_audBytes;
     }
     AddFramesWritten(frames);
     long long done = 0;
@@ -175,6 +186,13 @@ void LSoundCacheSink::Write(float const* buffer, long long frames) {
     }
 }
 
+void LSoundCacheSink::Flush() {
+    if (!IsFailed() && !m_finished && !m_audWriter.Flush()) {
+        (void)m_audWriter.Finish();
+        FailWith(m_audWriter.GetSystemError());
+    }
+}
+
 bool LSoundCacheSink::Finish() {
     if (m_finished) {
         return m_finishResult;
@@ -184,13 +202,16 @@ bool LSoundCacheSink::Finish() {
         WriteGrfFrame();
     }
     FlushGrf();
-    for (int* fd : {&m_aud, &m_grf}) {
-        if (*fd >= 0 && close(*fd) != 0) {
-            m_systemError = m_systemError != 0 ? m_systemError : errno;
-            SetFailed();
-        }
-        *fd = -1;
+    if (!m_audWriter.Finish()) {
+        FailWith(m_audWriter.GetSystemError());
     }
+    if (m_aud.IsOpen() && !m_aud.Close()) {
+        FailWith(errno);
+    }
+    if (m_grf >= 0 && close(m_grf) != 0) {
+        FailWith(errno);
+    }
+    m_grf = -1;
     if (!IsFailed()) {
         // The information file comes last: an item is valid only once it exists.
         LOutputStreamFile stream;

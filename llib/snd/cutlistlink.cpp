@@ -264,7 +264,10 @@ void LCutListAudioSink::CommitUpTo(long long frames) {
         return;
     }
     // The item's frames are read straight from its ".aud" as it grows, so the committed part
-    // plays before the item is finished.
+    // plays before the item is finished once the sink has put it there.
+    if (auto* const itemSink = m_itemSink.GetAs<LSoundCacheSink>()) {
+        itemSink->Flush();
+    }
     LCutListAudio piece;
     piece.AppendSegment(
         LCutListSegment(m_item, m_committedFrames, frames - m_committedFrames, 1.0f));

@@ -65,6 +65,10 @@ bool OpenForWriting(LFileDescriptor& fd, LFileLock& lock, char const* path) {
 
 // ---- LSNKPCMFileBase ----
 
+namespace {
+constexpr std::uint64_t kWritebackBytes = std::uint64_t{8} << 20;
+} // namespace
+
 LSNKPCMFileBase::LSNKPCMFileBase(char const* path, int rateHz, unsigned char channels,
                                  int bytesPerSample, std::uint16_t formatTag)
     : LSoundSinkBase(rateHz, channels), m_formatTag(formatTag), m_bytesPerSample(bytesPerSample) {
@@ -74,6 +78,11 @@ LSNKPCMFileBase::LSNKPCMFileBase(char const* path, int rateHz, unsigned char cha
         SetFailed();
         return;
     }
+    // The disk starts on the audio while it is being written: an hour's file then never sits
+    // in memory as dirty pages, and the rename that puts a saved file in place of an older
+    // one (which makes the file system allocate and flush all it has not yet) finds little
+    // left to do.
+    m_writer.SetWritebackInterval(kWritebackBytes);
     m_writer.Start(m_fd);
 }
 

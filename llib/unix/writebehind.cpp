@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "llib/unix/writebehind.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 LWriteBehind::LWriteBehind(std::size_t bufferBytes)
@@ -14,7 +18,25 @@ LWriteBehind::~LWriteBehind() {
 
 void LWriteBehind::Start(LFileDescriptor& fd) {
     m_fd = &fd;
+    off_t const origin = lseek(fd.Get(), 0, SEEK_CUR);
+    m_origin = origin < 0 ? 0 : static_cast<std::int64_t>(origin);
     m_threaded = m_thread.Start([this] { Run(); });
+}
+
+bool LWriteBehind::Drain(void const* data, std::size_t bytes) {
+    if (!m_fd->WriteAll(data, bytes)) {
+        m_systemError = m_systemError != 0 ? m_systemError : (errno != 0 ? errno : EIO);
+        return false;
+    }
+    m_written += bytes;
+    if (m_writebackInterval > 0 && m_written - m_writebackFrom >= m_writebackInterval) {
+        // Only a hint: a failure here leaves the kernel's own writeback to do the work.
+        (void)sync_file_range(m_fd->Get(), m_origin + static_cast<off_t>(m_writebackFrom),
+                              static_cast<off_t>(m_written - m_writebackFrom),
+                              SYNC_FILE_RANGE_WRITE);
+        m_writebackFrom = m_written;
+    }
+    return true;
 }
 
 void LWriteBehind::Run() {
@@ -25,7 +47,7 @@ void LWriteBehind::Run() {
             return; // stopped with nothing left
         }
         lock.unlock();
-        bool const ok = m_fd->WriteAll(m_drain.data(), m_drainBytes);
+        bool const ok = Drain(m_drain.data(), m_drainBytes);
         lock.lock();
         m_failed = m_failed || !ok;
         m_pending = false;
@@ -47,7 +69,7 @@ bool LWriteBehind::Write(void const* data, std::size_t bytes) {
         return false;
     }
     if (!m_threaded) {
-        m_failed = m_failed || !m_fd->WriteAll(data, bytes);
+        m_failed = m_failed || !Drain(data, bytes);
         return !m_failed;
     }
     auto const* p = static_cast<unsigned char const*>(data);
@@ -63,6 +85,18 @@ bool LWriteBehind::Write(void const* data, std::size_t bytes) {
         }
     }
     std::lock_guard<std::mutex> lock(m_mutex);
+    return !m_failed;
+}
+
+bool LWriteBehind::Flush() {
+    if (!m_threaded) {
+        return m_fd != nullptr && !m_failed;
+    }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_fillBytes > 0) {
+        HandOver(lock);
+    }
+    m_changed.wait(lock, [this] { return !m_pending; });
     return !m_failed;
 }
 

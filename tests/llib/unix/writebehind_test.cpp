@@ -5,6 +5,8 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
+
 #include <string>
 
 namespace {
@@ -37,19 +39,39 @@ TEST_F(WriteBehindTest, WritesEveryByteInOrder) {
     EXPECT_EQ(ReadFileBytes(path), expected);
 }
 
-// A device that is always full: the failure comes back at a later Write or at Finish, never
-// lost.
+// A reader of the growing file (a recording played while it goes on) sees every byte written
+// before a Flush, with the writer still running, and the writes go on after it.
+TEST_F(WriteBehindTest, FlushPutsEverythingWrittenInTheFile) {
+    std::string const path = PathOf("grow.bin");
+    LFileDescriptor fd;
+    ASSERT_TRUE(fd.Open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    LWriteBehind writer(4096);
+    writer.Start(fd);
+    std::string const first(5000, 'a');
+    ASSERT_TRUE(writer.Write(first.data(), first.size()));
+    ASSERT_TRUE(writer.Flush());
+    EXPECT_EQ(ReadFileBytes(path), first);
+    ASSERT_TRUE(writer.Write("bc", 2));
+    ASSERT_TRUE(writer.Flush());
+    EXPECT_EQ(ReadFileBytes(path), first + "bc");
+    EXPECT_TRUE(writer.Finish());
+}
+
+// A device that is always full: the failure comes back at a later Write, Flush or Finish,
+// never lost.
 TEST_F(WriteBehindTest, AFailedWriteIsReported) {
     LFileDescriptor fd;
     ASSERT_TRUE(fd.Open("/dev/full", O_WRONLY, 0));
     LWriteBehind writer(4096);
     writer.Start(fd);
     std::string const block(4096, 'x');
-    // Whether a Write already refuses depends on the thread's timing; Finish always knows.
+    // Whether a Write already refuses depends on the thread's timing; Flush always knows.
     for (int i = 0; i < 4; ++i) {
         (void)writer.Write(block.data(), block.size());
     }
+    EXPECT_FALSE(writer.Flush());
     EXPECT_FALSE(writer.Finish());
+    EXPECT_EQ(writer.GetSystemError(), ENOSPC);
 }
 
 } // namespace

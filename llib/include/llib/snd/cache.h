@@ -29,6 +29,8 @@
 #include "llib/gen/sizedarray.h"
 #include "llib/snd/soundsink.h"
 #include "llib/snd/soundsource.h"
+#include "llib/unix/fd.h"
+#include "llib/unix/writebehind.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -186,6 +188,8 @@ public:
     // of it failed. Later calls do nothing and repeat the result.
     [[nodiscard]] bool Finish() override;
     [[nodiscard]] unsigned short GetItem() const { return m_item; }
+    // Puts every frame written so far into ".aud", for readers of the item while it grows.
+    void Flush();
     // The system's error number of the first failure, 0 if none.
     [[nodiscard]] int GetSystemError() const { return m_systemError; }
 
@@ -195,12 +199,15 @@ private:
     unsigned short m_item;
     [[nodiscard]] bool WriteAll(int fd, void const* data, std::size_t bytes);
     void FlushGrf();
+    // Marks the sink failed, keeping the first error number (EIO when none is known).
+    void FailWith(int systemError);
 
-    int m_aud = -1;
+    LFileDescriptor m_aud;
+    // The samples go to ".aud" on a thread of their own, so that the kernel's copy of one block
+    // overlaps the making of the next.
+    LWriteBehind m_audWriter;
     int m_grf = -1;
     long long m_groupFrames = 0;             // frames folded into the current peak group
-    long long m_audBytes = 0;                // bytes written to ".aud"
-    long long m_writebackFrom = 0;           // where the next disk writeback starts
     std::vector<unsigned char> m_grfPending; // records not yet written
     float m_max[256] = {};
     float m_min[256] = {};

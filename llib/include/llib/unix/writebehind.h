@@ -12,6 +12,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <vector>
 
@@ -25,15 +26,26 @@ public:
     // Writes go to `fd` from its current position on. Without a thread (none could be started)
     // they go straight to the descriptor. The descriptor must outlive Finish.
     void Start(LFileDescriptor& fd);
+    // Asks the kernel to start writing to disk after every `bytes` written (0: never), so that a
+    // long file does not pile up as dirty memory for the kernel to flush all at once later. Set
+    // before Start.
+    void SetWritebackInterval(std::uint64_t bytes) { m_writebackInterval = bytes; }
     // Appends `bytes`; false once any write has failed.
     [[nodiscard]] bool Write(void const* data, std::size_t bytes);
+    // Returns once everything appended so far is in the file (for readers of the file while it
+    // grows); false when any write failed.
+    [[nodiscard]] bool Flush();
     // Writes everything handed over and ends the thread; false when any write failed. Later
     // calls repeat the answer.
     [[nodiscard]] bool Finish();
+    // The system's error number of the first failed write, 0 if none (valid after Finish).
+    [[nodiscard]] int GetSystemError() const { return m_systemError; }
 
 private:
     void HandOver(std::unique_lock<std::mutex>& lock);
     void Run();
+    // Writes one handed-over buffer (on the thread, or inline without one).
+    [[nodiscard]] bool Drain(void const* data, std::size_t bytes);
 
     LFileDescriptor* m_fd = nullptr;
     std::vector<unsigned char> m_fill;  // being filled by the caller
@@ -42,6 +54,11 @@ private:
     std::size_t m_drainBytes = 0;
     std::mutex m_mutex;
     std::condition_variable m_changed;
+    std::uint64_t m_writebackInterval = 0;
+    std::uint64_t m_written = 0;       // bytes written since Start
+    std::uint64_t m_writebackFrom = 0; // where the next writeback starts, relative to Start
+    std::int64_t m_origin = 0;         // the descriptor's position at Start
+    int m_systemError = 0;
     bool m_pending = false; // m_drain holds bytes the thread has not written yet
     bool m_stop = false;
     bool m_failed = false;
