@@ -61,9 +61,9 @@ void ApplyRamp(float* out, float const* in, long long frames, unsigned channels,
 LSRCPeakLimit::LSRCPeakLimit(LSoundSource const& input, float threshold)
     : LSoundProcessBase(input), m_threshold(threshold > 0.0f ? threshold : kLPeakLimit16Bit) {
     m_releasePerFrame = 10.0f / static_cast<float>(GetSampleRate()); // full recovery in 100 ms
-    std::size_t const floats = static_cast<std::size_t>(kLookAheadFrames) * GetChannels();
-    m_current.samples.assign(floats, 0.0f);
-    m_ahead.samples.assign(floats, 0.0f);
+    // A full input read on top of the two blocks that may still be staged.
+    long long const frames = kInputFrames + 2 * kLookAheadFrames;
+    m_stage.assign(static_cast<std::size_t>(frames) * GetChannels(), 0.0f);
     SetMaxMagnitude(std::min(GetMaxMagnitude(), m_threshold));
 }
 
@@ -71,31 +71,55 @@ long long LSRCPeakLimit::InputFramesLeft() const {
     return m_input->GetEndSample() - m_input->GetPositionSample();
 }
 
-void LSRCPeakLimit::LoadBlock(Block& block, long long frames) {
+long long LSRCPeakLimit::FramesLeft() const {
+    return (m_stageFrames - m_blocksEnd) + InputFramesLeft();
+}
+
+void LSRCPeakLimit::LoadBlock(Block& block, long long frames, bool ahead) {
+    frames = std::max(frames, 0LL);
+    long long const channels = std::max(1, static_cast<int>(GetChannels()));
+    if (m_stageFrames - m_blocksEnd < frames) {
+        // Move what is still needed to the front, then read a whole input block behind it (or
+        // just what this block lacks when reading past the input's end).
+        long long const keep = ahead ? m_current.first : m_blocksEnd;
+        if (keep > 0) {
+            std::copy(m_stage.begin() + keep * channels, m_stage.begin() + m_stageFrames * channels,
+                      m_stage.begin());
+        }
+        m_stageFrames -= keep;
+        m_blocksEnd -= keep;
+        m_current.first -= ahead ? keep : 0;
+        long long const room = static_cast<long long>(m_stage.size()) / channels - m_stageFrames;
+        long long const lacking = frames - (m_stageFrames - m_blocksEnd);
+        long long const n = std::max(std::min({kInputFrames, room, InputFramesLeft()}), lacking);
+        m_input->Read(m_stage.data() + m_stageFrames * channels, n);
+        m_stageFrames += n;
+    }
+    block.first = m_blocksEnd;
     block.frames = frames;
     block.gain = 1.0f;
-    if (frames <= 0) {
-        return;
-    }
-    m_input->Read(block.samples.data(), frames);
-    float const peak = GetBufferPeak(block.samples.data(), frames * GetChannels());
-    if (peak > m_threshold) {
-        block.gain = m_threshold / peak;
+    m_blocksEnd += frames;
+    if (frames > 0) {
+        float const peak =
+            GetBufferPeak(m_stage.data() + block.first * channels, frames * channels);
+        if (peak > m_threshold) {
+            block.gain = m_threshold / peak;
+        }
     }
 }
 
 void LSRCPeakLimit::StartNextBlock(long long wanted) {
     if (m_ahead.frames > 0) {
-        std::swap(m_current, m_ahead);
+        m_current = m_ahead;
         m_ahead.frames = 0;
     } else {
-        // Nothing was read ahead (start, after a seek, or at the input's end): read what the
+        // Nothing was read ahead (start, after a seek, or at the input's end): take what the
         // input still has, or what the caller wants when it reads past the end.
-        long long const left = InputFramesLeft();
-        LoadBlock(m_current, std::min(kLookAheadFrames, left > 0 ? left : wanted));
+        long long const left = FramesLeft();
+        LoadBlock(m_current, std::min(kLookAheadFrames, left > 0 ? left : wanted), false);
     }
     m_used = 0;
-    LoadBlock(m_ahead, std::min(kLookAheadFrames, InputFramesLeft()));
+    LoadBlock(m_ahead, std::min(kLookAheadFrames, FramesLeft()), true);
 
     // Both ends of the ramp stay at or below this block's own need, so no sample of it is
     // scaled by more than it can take.
@@ -121,8 +145,8 @@ void LSRCPeakLimit::Read(float* buffer, long long frames) {
             StartNextBlock(frames);
         }
         long long const n = std::min(frames, m_current.frames - m_used);
-        ApplyRamp(buffer, m_current.samples.data() + m_used * channels, n, channels, m_gainStart,
-                  m_gainEnd, m_current.frames, m_used, m_threshold);
+        ApplyRamp(buffer, m_stage.data() + (m_current.first + m_used) * channels, n, channels,
+                  m_gainStart, m_gainEnd, m_current.frames, m_used, m_threshold);
         m_used += n;
         buffer += n * channels;
         frames -= n;
@@ -130,14 +154,16 @@ void LSRCPeakLimit::Read(float* buffer, long long frames) {
 }
 
 long long LSRCPeakLimit::GetPositionSample() const {
-    long long const held = (m_current.frames - m_used) + m_ahead.frames;
+    long long const held = m_stageFrames - (m_current.first + m_used);
     return m_input->GetPositionSample() - held;
 }
 
 void LSRCPeakLimit::Seek(long long frame) {
     m_input->Seek(frame);
-    m_current.frames = 0;
-    m_ahead.frames = 0;
+    m_stageFrames = 0;
+    m_blocksEnd = 0;
+    m_current = Block{};
+    m_ahead = Block{};
     m_used = 0;
     m_gainEnd = 1.0f;
 }

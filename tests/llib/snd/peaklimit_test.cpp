@@ -121,6 +121,43 @@ TEST(PeakLimit, KeepsPositionsAndNeverReadsPastTheInputsEnd) {
     }
 }
 
+// The input is read in whole input blocks whatever sizes the caller reads (a cut list serves
+// those from its file without a copy through its read-ahead), and the caller's read sizes
+// change nothing in the output, across the staging buffer's refills.
+TEST(PeakLimit, ReadsItsInputInWholeBlocksAndOutputIgnoresReadSizes) {
+    long long const frames = 3 * LSRCPeakLimit::kInputFrames + 123;
+    std::vector<float> loud = MakeNoise(2, frames, 3.0, 11);
+    std::vector<float> expected;
+    for (long long size : {1LL, 7LL, 8192LL, 700LL}) {
+        LSoundSource input = LMakeSource<LTestStaircaseSource>(44100, 1, frames);
+        auto const* raw = input.GetAs<LTestStaircaseSource>();
+        LSoundSource stairs = Limit(input);
+        std::vector<float> chunk(static_cast<std::size_t>(size));
+        for (long long done = 0; done < frames; done += size) {
+            stairs->Read(chunk.data(), std::min(size, frames - done));
+        }
+        std::vector<long long> const& reads = raw->GetReads();
+        ASSERT_EQ(reads.size(), 4u) << "reads of " << size;
+        for (std::size_t i = 0; i + 1 < reads.size(); ++i) {
+            EXPECT_EQ(reads[i], LSRCPeakLimit::kInputFrames) << "reads of " << size;
+        }
+
+        LSoundSource s = Limit(MakeBufferSource(44100, 2, loud));
+        std::vector<float> out;
+        std::vector<float> part(static_cast<std::size_t>(2 * size));
+        for (long long done = 0; done < frames; done += size) {
+            long long const n = std::min(size, frames - done);
+            s->Read(part.data(), n);
+            out.insert(out.end(), part.begin(), part.begin() + 2 * n);
+        }
+        if (expected.empty()) {
+            expected = out;
+        } else {
+            EXPECT_EQ(out, expected) << "reads of " << size;
+        }
+    }
+}
+
 TEST(PeakLimit, SeekDropsWhatWasReadAhead) {
     std::vector<float> const quiet = MakeNoise(1, 5000, 0.5, 8);
     LSoundSource s = Limit(MakeBufferSource(44100, 1, quiet));

@@ -118,8 +118,7 @@ TEST(SourceToSink, EndThatMovesAfterItWasTrustedIsStillFollowed) {
     // Enough passes for the copy to trust the end, then the end moves once more.
     long long const frames = 12 * 10 * 8192;
     Copy c = MakeCopy(frames, 1);
-    int const readsBeforeGrowth =
-        static_cast<int>(11 * 10 * 8192 / LSRCPeakLimit::kLookAheadFrames);
+    int const readsBeforeGrowth = static_cast<int>(11 * 10 * 8192 / LSRCPeakLimit::kInputFrames);
     c.stairs->GrowAfterReads(readsBeforeGrowth, 5000, 1);
     LPRSourceToSink data("Copy", c.source, c.sink, false);
     LTestProcess process;

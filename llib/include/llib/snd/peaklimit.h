@@ -12,6 +12,9 @@
 // is read ahead to know where the ramp must end. Recovery toward unity is limited to a full
 // swing in 100 ms. A final clamp catches float rounding; NaN comes out as silence.
 //
+// The input is read kInputFrames at a time into one staging buffer that the blocks are views of,
+// so that a source serving large reads straight from its file is asked for large reads.
+//
 // ControlMessage 4 answers the look-ahead length in frames; 7 answers 1 when the level was
 // reduced since the last ask (and clears that). The limiter never reads past its input's end
 // to fill its look-ahead, so a growing (recording) source is not read ahead of its data.
@@ -25,6 +28,7 @@ inline constexpr float kLPeakLimit16Bit = 0.999969482421875f; // 32767 / 32768
 class LSRCPeakLimit final : public LSoundProcessBase {
 public:
     static constexpr long long kLookAheadFrames = 512;
+    static constexpr long long kInputFrames = 8192;
 
     LSRCPeakLimit(LSoundSource const& input, float threshold);
 
@@ -35,17 +39,24 @@ public:
 
 private:
     struct Block {
-        std::vector<float> samples;
+        long long first = 0; // where its frames start in m_stage
         long long frames = 0;
         float gain = 1.0f; // what this block needs
     };
 
-    void LoadBlock(Block& block, long long frames);
+    // Makes `block` the next `frames` staged frames, reading input when too few are staged; a
+    // look-ahead block keeps the current block's frames staged.
+    void LoadBlock(Block& block, long long frames, bool ahead);
     void StartNextBlock(long long wanted);
     [[nodiscard]] long long InputFramesLeft() const;
+    // Frames still to come: staged but not in a block, and not yet read from the input.
+    [[nodiscard]] long long FramesLeft() const;
 
     float m_threshold;
-    float m_releasePerFrame; // the most the gain may rise per frame
+    float m_releasePerFrame;     // the most the gain may rise per frame
+    std::vector<float> m_stage;  // input frames, the blocks among them
+    long long m_stageFrames = 0; // frames held in m_stage
+    long long m_blocksEnd = 0;   // where the frames not yet in a block start in m_stage
     Block m_current;
     Block m_ahead;
     long long m_used = 0; // frames of m_current already delivered
