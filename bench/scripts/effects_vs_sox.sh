@@ -18,9 +18,15 @@
 # opened again). Prints the times and the ratios sox / tessel-cli (above 1: faster). The cache,
 # settings and stored formats live in the script's temporary folder, never the user's.
 #
-#   bench/scripts/effects_vs_sox.sh [path/to/tessel-cli]   (default: build/release/cli/tessel-cli)
+# With the effects benchmark built beside tessel-cli (tessel_effects_bench, or the path given
+# second), the script also runs it and sets its in-process figures, from the command to the
+# committed document, beside the same sox times: amplify against vol, the fade against fade.
+#
+#   bench/scripts/effects_vs_sox.sh [path/to/tessel-cli [path/to/tessel_effects_bench]]
+#   (default: build/release/cli/tessel-cli and build/release/bench/tessel_effects_bench)
 set -euo pipefail
 cli=${1:-build/release/cli/tessel-cli}
+effects_bench=${2:-$(dirname "$cli")/../bench/tessel_effects_bench}
 command -v sox >/dev/null || { echo "sox is not installed" >&2; exit 1; }
 command -v python3 >/dev/null || { echo "python3 is not installed" >&2; exit 1; }
 work=$(mktemp -d "${TMPDIR:-/tmp}/tessel-effects-bench.XXXXXX")
@@ -118,3 +124,15 @@ report "amplify 50 %, empty cache" "$amplify_cold" "$amplify_sox_time"
 report "amplify 50 %, input cached" "$amplify_warm" "$amplify_sox_time"
 report "linear fade-in, empty cache" "$fade_cold" "$fade_sox_time"
 report "linear fade-in, input cached" "$fade_warm" "$fade_sox_time"
+
+# The in-process figures: the command alone, on a document already open.
+if [ -x "$effects_bench" ]; then
+    figures=$("$effects_bench" 2>/dev/null) || { echo "tessel_effects_bench failed" >&2; exit 1; }
+    amplify_s=$(awk '/^amplify to 50 %/ { print $(NF - 1) / 1e6 }' <<<"$figures")
+    fade_s=$(awk '/^linear fade-in/ { for (i = 1; i < NF; ++i) if ($(i + 1) == "ms") { print $i / 1e3; exit } }' <<<"$figures")
+    [ -n "$amplify_s" ] && [ -n "$fade_s" ] || { echo "no figures from tessel_effects_bench" >&2; exit 1; }
+    report "amplify command (in-process)" "$amplify_s" "$amplify_sox_time"
+    report "fade-in command (in-process)" "$fade_s" "$fade_sox_time"
+else
+    echo "($effects_bench not built: in-process figures left out)"
+fi

@@ -26,5 +26,6 @@ best() {
 # peer / ours (above 1: tessel-cli is faster).
 report() {
     awk -v l="$1" -v o="$2" -v t="$3" -v p="${4:-sox}" \
-        'BEGIN { printf "%-30s tessel-cli %6.3f s   %s %6.3f s   ratio %.2f\n", l, o, p, t, t / o }'
+        'function show(x) { return x < 0.01 ? sprintf("%6.3f ms", x * 1e3) : sprintf("%6.3f s ", x) }
+         BEGIN { printf "%-30s tessel-cli %s   %s %s   ratio %.2f\n", l, show(o), p, show(t), t / o }'
 }
