@@ -130,7 +130,10 @@ if [ -x "$effects_bench" ]; then
     figures=$("$effects_bench" 2>/dev/null) || { echo "tessel_effects_bench failed" >&2; exit 1; }
     amplify_s=$(awk '/^amplify to 50 %/ { print $(NF - 1) / 1e6 }' <<<"$figures")
     fade_s=$(awk '/^linear fade-in/ { for (i = 1; i < NF; ++i) if ($(i + 1) == "ms") { print $i / 1e3; exit } }' <<<"$figures")
-    [ -n "$amplify_s" ] && [ -n "$fade_s" ] || { echo "no figures from tessel_effects_bench" >&2; exit 1; }
+    if [ -z "$amplify_s" ] || [ -z "$fade_s" ]; then
+        echo "no figures from tessel_effects_bench" >&2
+        exit 1
+    fi
     report "amplify command (in-process)" "$amplify_s" "$amplify_sox_time"
     report "fade-in command (in-process)" "$fade_s" "$fade_sox_time"
 else
