@@ -19,6 +19,8 @@ packages=(
     libsndfile1-dev
     # locale sources, so the settings tests can check a comma-decimal locale
     locales
+    # the audio device tests start their own sound server with a null sink
+    pulseaudio pulseaudio-utils
 )
 if [ "${TESSEL_WITH_FUZZ:-0}" = 1 ]; then
     packages+=(clang libclang-rt-14-dev)
