@@ -567,7 +567,9 @@ SEResult MainDialog::CmAmplify() {
     int const last = settings.GetInt("StoredValues", "AmplifyGain", 100);
     gain.SetParameterByIndex(0, &last);
     std::string error;
-    SEResult const asked = SEAskEffectSettings(m_ui, "Amplify", gain, error);
+    SEResult const asked = m_ui.EditEffect(
+        "Amplify", gain, [this, view](LSoundProcess& e) { (void)m_core.CmEffectPreview(view, e); },
+        error);
     if (asked == SEResult::kFailed) {
         return BadValue("Amplify", error);
     }

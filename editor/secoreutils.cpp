@@ -522,13 +522,22 @@ SEResult SECoreUtils::CmEffectChainApply(SEFileGUI* view,
 
 SEResult SECoreUtils::CmEffectChainPlay(SEFileGUI* view,
                                         std::shared_ptr<LSoundProcessMulti const> const& chain) {
+    return PlayProcessed(view, [&chain](LSoundSource& input) { return chain->OpenSource(input); });
+}
+
+SEResult SECoreUtils::CmEffectPreview(SEFileGUI* view, LSoundProcess& effect) {
+    return PlayProcessed(view, [&effect](LSoundSource& input) { return effect.OpenSource(input); });
+}
+
+SEResult SECoreUtils::PlayProcessed(SEFileGUI* view,
+                                    std::function<LSoundSource(LSoundSource&)> const& open) {
     SEFileGUI* const v = Resolve(view);
     if (v == nullptr) {
         return SEResult::kIgnored;
     }
     SESelection const range = EffectRange(*v->GetFile());
     LSoundSource source = range.OpenTrimmedSource(v->GetFile()->GetAudio());
-    m_ui.PlaySource(*v, chain->OpenSource(source));
+    m_ui.PlaySource(*v, open(source));
     return SEResult::kDone;
 }
 

@@ -13,6 +13,7 @@
 #include "editor/seui.h"
 #include "editor/windowmanager.h"
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -84,6 +85,9 @@ public:
     // Applies the chain to the selection, or plays the selection through it.
     SEResult CmEffectChainApply(SEFileGUI* view,
                                 std::shared_ptr<LSoundProcessMulti const> const& chain);
+    // Plays `effect` over the selection (the whole document without one), as its dialog's
+    // Preview does.
+    SEResult CmEffectPreview(SEFileGUI* view, LSoundProcess& effect);
     SEResult CmEffectChainPlay(SEFileGUI* view,
                                std::shared_ptr<LSoundProcessMulti const> const& chain);
     SEResult CmEditSamples(SEFileGUI* view, std::vector<SESamplePoint> const& points);
@@ -127,6 +131,8 @@ private:
     // with `args` after it, as one modification described `description`.
     template <class Effect, class... Args>
     SEResult RunOnRange(SEFileGUI* view, char const* description, Args&&... args);
+    // Plays the source `open` makes over the selection (the whole document without one).
+    SEResult PlayProcessed(SEFileGUI* view, std::function<LSoundSource(LSoundSource&)> const& open);
     // Undo, redo or revert through `step`; `nothing` is the reason kept when it cannot.
     SEResult StepRing(SEFileGUI* view, bool (SEFile::*step)(), char const* nothing);
     // After a state came back from the ring: the view hears modified or clean and redraws.

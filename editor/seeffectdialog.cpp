@@ -10,8 +10,6 @@
 #include <cstdint>
 #include <cstdlib>
 
-namespace {} // namespace
-
 std::string SEParameterValueText(LSoundProcessParameter const& p) {
     switch (p.GetType()) {
     case LSoundProcessParameterType::kInt:
@@ -40,15 +38,50 @@ void SetClamped(LSoundProcess& effect, int index, LSoundProcessParameter const& 
     effect.SetParameterByIndex(index, &v);
 }
 
+template <class T>
+SEParameterNumbers NumbersOf(LSoundProcessParameter const& p, bool integral) {
+    return {static_cast<double>(p.GetValue<T>()), static_cast<double>(p.GetMinimum<T>()),
+            static_cast<double>(p.GetMaximum<T>()), integral, false};
+}
+
 // Sets parameter `index` from `text`; false when it is not a number.
-bool SetFromText(LSoundProcess& effect, int index, LSoundProcessParameter const& p,
-                 std::string const& text) {
+bool SetFromText(LSoundProcess& effect, int index, std::string const& text) {
     char* end = nullptr;
     errno = 0;
-    double value = std::strtod(text.c_str(), &end);
+    double const value = std::strtod(text.c_str(), &end);
     if (text.empty() || *end != '\0' || errno == ERANGE || std::isnan(value)) {
         return false;
     }
+    SESetParameterNumber(effect, index, value);
+    return true;
+}
+
+} // namespace
+
+SEParameterNumbers SEGetParameterNumbers(LSoundProcessParameter const& p) {
+    switch (p.GetType()) {
+    case LSoundProcessParameterType::kInt:
+        return NumbersOf<std::int32_t>(p, true);
+    case LSoundProcessParameterType::kDouble:
+        return NumbersOf<double>(p, false);
+    case LSoundProcessParameterType::kInt8:
+        return NumbersOf<std::int8_t>(p, true);
+    case LSoundProcessParameterType::kBool:
+        return {p.GetValue<bool>() ? 1.0 : 0.0, 0.0, 1.0, true, true};
+    case LSoundProcessParameterType::kInt64:
+        return NumbersOf<std::int64_t>(p, true);
+    case LSoundProcessParameterType::kUInt16:
+        return NumbersOf<std::uint16_t>(p, true);
+    }
+    return {};
+}
+
+void SESetParameterNumber(LSoundProcess& effect, int index, double value) {
+    if (std::isnan(value)) {
+        return;
+    }
+    LSoundProcessParameter p;
+    effect.GetParameterByIndex(index, &p);
     switch (p.GetType()) {
     case LSoundProcessParameterType::kInt:
         SetClamped<std::int32_t>(effect, index, p, std::round(value));
@@ -71,10 +104,7 @@ bool SetFromText(LSoundProcess& effect, int index, LSoundProcessParameter const&
         SetClamped<std::uint16_t>(effect, index, p, std::round(value));
         break;
     }
-    return true;
 }
-
-} // namespace
 
 std::string SEParameterKey(char const* name) {
     std::string key;
@@ -135,11 +165,17 @@ SEResult SEAskEffectSettings(SEUserInterface& ui, char const* title, LSoundProce
             continue;
         }
         effect.GetParameterByIndex(i, &p);
-        if (!SetFromText(effect, i, p, fields[at].value)) {
+        if (!SetFromText(effect, i, fields[at].value)) {
             error = LStrFormat("\"%s\" is not a number for \"%s\".", fields[at].value.c_str(),
                                p.GetName());
             return SEResult::kFailed;
         }
     }
     return SEResult::kDone;
+}
+
+SEResult SEUserInterface::EditEffect(char const* title, LSoundProcess& effect,
+                                     SEEffectPreview const& preview, std::string& error) {
+    (void)preview; // a list of fields offers no preview
+    return SEAskEffectSettings(*this, title, effect, error);
 }

@@ -17,6 +17,19 @@
 // A parameter's current value as the dialog shows it ("150", "0.5", "1" for a switch that is on).
 [[nodiscard]] std::string SEParameterValueText(LSoundProcessParameter const& parameter);
 
+// A parameter as numbers, for a dialog's controls (a switch is 0 or 1).
+struct SEParameterNumbers {
+    double value = 0.0;
+    double minimum = 0.0;
+    double maximum = 0.0;
+    bool integral = true;
+    bool isSwitch = false;
+};
+[[nodiscard]] SEParameterNumbers SEGetParameterNumbers(LSoundProcessParameter const& parameter);
+// Sets parameter `index` of `effect` to `value`: rounded for whole-number types, clamped into the
+// parameter's range; a switch is on for any value but 0. NaN sets nothing.
+void SESetParameterNumber(LSoundProcess& effect, int index, double value);
+
 // Asks for the effect's settings under `title`. kCancelled when the user cancelled, kFailed (with
 // `error` set) for a value that is not a number or a preset name that does not exist.
 [[nodiscard]] SEResult SEAskEffectSettings(SEUserInterface& ui, char const* title,

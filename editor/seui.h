@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+class LSoundProcess;
 class SEFileGUI;
 
 // Notifications to a document's view.
@@ -40,6 +41,8 @@ struct SECommandField {
 using SECommandFields = std::vector<SECommandField>;
 
 using SEProcessFunction = std::function<LProcessResult(LProcessInterface&)>;
+// Plays an effect, with the settings its dialog holds at the moment, over the selection.
+using SEEffectPreview = std::function<void(LSoundProcess&)>;
 
 class SEUserInterface {
 public:
@@ -56,6 +59,12 @@ public:
     virtual bool ChooseFileToSave(char const* suggestedPath, std::string& path) = 0;
     // A command's dialog; false when the user cancelled it.
     virtual bool AskValues(char const* title, SECommandFields& fields) = 0;
+    // An effect's dialog: every parameter of `effect` and its presets, the answers set into
+    // `effect`. `preview` (may be empty) plays the effect as the dialog holds it. kDone,
+    // kCancelled, or kFailed with `error` set. By default the parameters become the fields of
+    // AskValues (SEAskEffectSettings); the desktop shows a dialog built from the parameters.
+    virtual SEResult EditEffect(char const* title, LSoundProcess& effect,
+                                SEEffectPreview const& preview, std::string& error);
 
     // A document changed state (kSEEventDocumentModified or kSEEventDocumentClean).
     virtual void DocumentEvent(SEFileGUI& view, int event) {
