@@ -21,6 +21,10 @@ packages=(
     locales
     # the audio device tests start their own sound server with a null sink
     pulseaudio pulseaudio-utils
+    # the desktop program: Qt 6 widgets, its platform plugins, Qt Multimedia for the audio device
+    qt6-base-dev qt6-qpa-plugins qt6-multimedia-dev
+    # the screenshot test runs the window under a virtual X server
+    xvfb xauth
 )
 if [ "${TESSEL_WITH_FUZZ:-0}" = 1 ]; then
     packages+=(clang libclang-rt-14-dev)

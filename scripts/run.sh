@@ -1,20 +1,28 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: GPL-3.0-or-later
-# Installs the dependencies, builds the optimised tessel-cli and runs it with the given
-# arguments. Without arguments it runs a short demonstration: it synthesises a tone, converts it
-# to another rate, channel count and sample format, edits a copy (cut, paste, reverse, delete)
-# and shows what the files hold.
+# Installs the dependencies and builds the optimised programs. Without arguments it synthesises
+# a stereo test file and opens it in the desktop editor; with no display to open a window on, it
+# runs a short tessel-cli demonstration instead (a tone converted, tagged and edited). Given
+# arguments, it runs tessel-cli with them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/install-deps.sh
 cmake --preset release >/dev/null
-cmake --build --preset release --target tessel-cli
+cmake --build --preset release --target tessel-cli tessel
 cli=./build/release/cli/tessel-cli
 if [ $# -gt 0 ]; then
     exec "$cli" "$@"
 fi
 demo=$(mktemp -d "${TMPDIR:-/tmp}/tessel-demo.XXXXXX")
 trap 'rm -rf "$demo"' EXIT
+if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
+    echo "== tessel-cli synth demo.wav --seconds 20 --hz 440 --channels 2"
+    "$cli" synth "$demo/demo.wav" --seconds 20 --hz 440 --channels 2
+    echo "== tessel demo.wav"
+    ./build/release/app/tessel "$demo/demo.wav"
+    exit 0
+fi
+echo "(No display to open the desktop editor on: build/release/app/tessel FILE opens it.)"
 echo "== tessel-cli synth tone.wav --seconds 10 --hz 1000"
 "$cli" synth "$demo/tone.wav" --seconds 10 --hz 1000
 echo "== tessel-cli convert tone.wav tone-48k-mono-24bit.wav --rate 48000 --channels 1 --bits 24"

@@ -1,0 +1,300 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The main window's side of the editor core's questions (messages, progress, file choosers,
+// dialogs, redraws) and its player and recorder.
+#include "platform/qt/mainwindow.h"
+
+#include "llib/gen/settings.h"
+#include "llib/snd/player.h"
+#include "llib/snd/recorder.h"
+#include "platform/qt/effectdialog.h"
+#include "platform/qt/progressdialog.h"
+#include "platform/qt/qtaudiodevice.h"
+#include "platform/qt/waveformview.h"
+
+#include <QAbstractButton>
+#include <QDir>
+#include <QFileDialog>
+#include <QFileInfo>
+#include <QMessageBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTimer>
+
+#include <algorithm>
+
+namespace {
+
+constexpr char const kGroup[] = "Desktop";
+constexpr char const kOpenFilter[] =
+    "Audio files (*.wav *.mp3 *.flac *.ogg *.opus *.aif *.aiff *.au *.m4a);;All files (*)";
+constexpr int kRecordRateHz = 44100;
+constexpr unsigned kRecordChannels = 2;
+
+} // namespace
+
+int SEMainWindow::MessageBox(char const* title, char const* text,
+                             std::vector<std::string> const& buttons) {
+    QMessageBox box(this);
+    box.setWindowTitle(QString::fromUtf8(title));
+    box.setText(QString::fromUtf8(text));
+    std::vector<QPushButton*> made;
+    for (std::size_t i = 0; i < buttons.size(); ++i) {
+        // The last button is the cautious one; Escape chooses it.
+        QMessageBox::ButtonRole const role =
+            i + 1 == buttons.size() ? QMessageBox::RejectRole : QMessageBox::AcceptRole;
+        made.push_back(box.addButton(QString::fromStdString(buttons[i]), role));
+    }
+    if (!made.empty()) {
+        box.setDefaultButton(made.front());
+        box.setEscapeButton(made.back());
+    }
+    box.exec();
+    auto const it = std::find(made.begin(), made.end(), box.clickedButton());
+    return it != made.end() ? static_cast<int>(it - made.begin())
+                            : static_cast<int>(buttons.size()) - 1;
+}
+
+LProcessResult SEMainWindow::RunProcess(char const* title, SEProcessFunction const& work) {
+    LProgressDialog dialog(this, QString::fromUtf8(title));
+    bool const outer = m_busy;
+    m_busy = true;
+    LProcessResult const result = dialog.Run(work);
+    m_busy = outer;
+    return result;
+}
+
+bool SEMainWindow::ChooseFilesToOpen(std::vector<std::string>& paths) {
+    QString const folder = QString::fromStdString(m_settings.GetString(kGroup, "LastFolder", ""));
+    QStringList const chosen =
+        QFileDialog::getOpenFileNames(this, tr("Open"), folder, QString::fromLatin1(kOpenFilter));
+    for (QString const& path : chosen) {
+        paths.push_back(path.toStdString());
+    }
+    return !paths.empty();
+}
+
+bool SEMainWindow::ChooseFileToSave(char const* suggestedPath, std::string& path) {
+    QString suggested = QString::fromUtf8(suggestedPath != nullptr ? suggestedPath : "");
+    if (QFileInfo(suggested).isRelative()) {
+        QString const folder =
+            QString::fromStdString(m_settings.GetString(kGroup, "LastFolder", ""));
+        suggested = QDir(folder).filePath(suggested);
+    }
+    QString const chosen = QFileDialog::getSaveFileName(this, tr("Save As"), suggested,
+                                                        QString::fromLatin1(kOpenFilter));
+    if (chosen.isEmpty()) {
+        return false;
+    }
+    path = chosen.toStdString();
+    return true;
+}
+
+bool SEMainWindow::AskValues(char const* title, SECommandFields& fields) {
+    SEValuesDialog dialog(this, QString::fromUtf8(title), fields);
+    if (dialog.exec() != QDialog::Accepted) {
+        return false;
+    }
+    dialog.TakeValues(fields);
+    return true;
+}
+
+SEResult SEMainWindow::EditEffect(char const* title, LSoundProcess& effect,
+                                  SEEffectPreview const& preview, std::string& error) {
+    (void)error; // every value the dialog can hold is valid
+    SEEffectDialog dialog(this, QString::fromUtf8(title), effect, preview);
+    SEResult const result =
+        dialog.exec() == QDialog::Accepted ? SEResult::kDone : SEResult::kCancelled;
+    StopPlayback(); // a preview ends with its dialog
+    return result;
+}
+
+void SEMainWindow::DocumentEvent(SEFileGUI& view, int event) {
+    (void)event;
+    UpdateTabTitle(view);
+}
+
+void SEMainWindow::Redraw(SEFileGUI& view) {
+    if (FindWaveform(&view) == nullptr) {
+        SyncTabs();
+    }
+    if (SEWaveformView* page = FindWaveform(&view)) {
+        page->DocumentChanged();
+    }
+    UpdateStatus();
+}
+
+void SEMainWindow::UpdateUndoItems(char const* undoLabel, bool undoEnabled, char const* redoLabel,
+                                   bool redoEnabled) {
+    QAction* undo = GetAction(SECmd::kUndo);
+    QAction* redo = GetAction(SECmd::kRedo);
+    if (undo == nullptr || redo == nullptr) {
+        return; // the menus are not built yet
+    }
+    undo->setText(QString::fromUtf8(undoLabel));
+    undo->setEnabled(undoEnabled);
+    redo->setText(QString::fromUtf8(redoLabel));
+    redo->setEnabled(redoEnabled);
+}
+
+// ---- playback ----
+
+bool SEMainWindow::EnsureOutput() {
+    if (m_player == nullptr) {
+        m_output = std::make_unique<LQtAudioOutput>();
+        m_player = std::make_unique<LSoundPlayer>(*m_output);
+    }
+    return true;
+}
+
+void SEMainWindow::StartPlayback(SEFileGUI& view) {
+    (void)m_core.GetWindows().SetCurrent(m_core.GetWindows().IndexOf(&view));
+    Play(false);
+}
+
+void SEMainWindow::PlaySource(SEFileGUI& view, LSoundSource const& source) {
+    StopPlayback();
+    EnsureOutput();
+    std::string error;
+    auto const& s = view.GetFile()->GetSelection();
+    long long const start = s.start != s.end ? std::min(s.start, s.end) : 0;
+    if (!m_player->Play(source, start, error)) {
+        (void)MessageBox("Play", error.c_str(), {"OK"});
+        return;
+    }
+    m_playingView = &view;
+    m_playTimer->start();
+}
+
+void SEMainWindow::Play(bool selectionOnly) {
+    SEFileGUI* view = m_core.GetCurrentView();
+    if (view == nullptr) {
+        return;
+    }
+    StopPlayback();
+    EnsureOutput();
+    SEFile const& file = *view->GetFile();
+    LCutListAudio const& audio = file.GetAudio();
+    auto const& s = file.GetSelection();
+    long long start = file.GetCursor();
+    long long end = audio.GetLengthFrames();
+    if (s.start != s.end && (selectionOnly || start == std::min(s.start, s.end))) {
+        start = std::min(s.start, s.end);
+        end = std::max(s.start, s.end);
+    }
+    if (start >= audio.GetLengthFrames()) {
+        start = 0;
+    }
+    LCutListAudio part;
+    audio.EfCopy(start, end, part);
+    std::string error;
+    if (!m_player->Play(part.OpenSource(), start, error)) {
+        (void)MessageBox("Play", error.c_str(), {"OK"});
+        return;
+    }
+    m_playingView = view;
+    m_playTimer->start();
+}
+
+void SEMainWindow::StopPlayback() {
+    if (m_player != nullptr) {
+        m_player->Stop();
+    }
+    m_playTimer->stop();
+    if (SEWaveformView* page = FindWaveform(m_playingView)) {
+        page->SetPlayPosition(-1);
+    }
+    m_playingView = nullptr;
+}
+
+void SEMainWindow::PollPlayer() {
+    if (m_player == nullptr || !m_player->IsPlaying()) {
+        StopPlayback();
+        return;
+    }
+    if (SEWaveformView* page = FindWaveform(m_playingView)) {
+        page->SetPlayPosition(m_player->GetPlayPosition());
+    }
+}
+
+// ---- recording ----
+
+void SEMainWindow::StartRecording(bool atCursor) {
+    if (m_recorder != nullptr && m_recorder->IsRecording()) {
+        return;
+    }
+    StopPlayback();
+    SEFileGUI* view = nullptr;
+    if (atCursor) {
+        view = m_core.GetCurrentView();
+        if (view == nullptr || !m_core.GetCore().StartModifyFile(view, "Record")) {
+            return;
+        }
+    } else {
+        if (m_core.CmNew() != SEResult::kDone) {
+            return;
+        }
+        SyncTabs();
+        view = m_core.GetCurrentView();
+    }
+    if (m_input == nullptr) {
+        m_input = std::make_unique<LQtAudioInput>();
+        m_recorder = std::make_unique<LSoundRecorder>(*m_input);
+    }
+    LCutListAudio& audio = view->GetFile()->GetAudio();
+    int const rate = audio.GetSampleRate() > 0 ? audio.GetSampleRate() : kRecordRateHz;
+    unsigned const channels = audio.GetChannels() > 0 ? audio.GetChannels() : kRecordChannels;
+    long long const at = atCursor ? view->GetFile()->GetCursor() : -1;
+    std::string error;
+    if (!m_recorder->Start(
+            audio.OpenSink(rate, static_cast<unsigned char>(channels), "Recording", at), rate,
+            channels, error)) {
+        if (atCursor) {
+            m_core.GetCore().RollBackModifyFile(view);
+        } else {
+            (void)m_core.CmCloseFileWindow(view);
+            SyncTabs();
+        }
+        (void)MessageBox("Record", error.c_str(), {"OK"});
+        return;
+    }
+    m_recordingView = view;
+    m_recordingIsModification = atCursor;
+    m_meter->show();
+    m_recordTimer->start();
+    UpdateEnabling();
+}
+
+void SEMainWindow::PollRecorder() {
+    if (m_recorder == nullptr || m_recordingView == nullptr) {
+        return;
+    }
+    m_recorder->Pump();
+    float level = 0.0f;
+    for (unsigned ch = 0; ch < kRecordChannels; ++ch) {
+        level = std::max(level, m_recorder->TakePeakLevel(ch));
+    }
+    m_meter->setValue(static_cast<int>(std::min(level, 1.0f) * 1000.0f));
+    if (SEWaveformView* page = FindWaveform(m_recordingView)) {
+        page->DocumentChanged();
+    }
+    UpdateStatus();
+}
+
+void SEMainWindow::StopRecording() {
+    if (m_recorder == nullptr || m_recordingView == nullptr) {
+        return;
+    }
+    m_recorder->Stop();
+    m_recordTimer->stop();
+    m_meter->hide();
+    SEFileGUI* view = m_recordingView;
+    m_recordingView = nullptr;
+    if (m_recordingIsModification) {
+        if (!m_core.GetCore().EndModifyFile(view)) {
+            m_core.GetCore().RollBackModifyFile(view);
+        }
+    }
+    m_core.UpdateUndoMenuItem();
+    Redraw(*view);
+    UpdateEnabling();
+}
