@@ -17,11 +17,13 @@
 #include <QDropEvent>
 #include <QFileInfo>
 #include <QHeaderView>
+#include <QIcon>
 #include <QLabel>
 #include <QMenuBar>
 #include <QMimeData>
 #include <QProgressBar>
 #include <QStatusBar>
+#include <QStyle>
 #include <QTabWidget>
 #include <QTimer>
 #include <QToolBar>
@@ -196,6 +198,25 @@ void SEMainWindow::BuildMenus() {
     AddCommand(play, kRecord, tr("&Record New File"), QKeySequence(Qt::CTRL | Qt::Key_R));
     AddCommand(play, D::kRecordAtCursor, tr("Record at Cursor"));
     AddCommand(play, D::kRecordStop, tr("Stop Recording"));
+
+    // The desktop theme's icons where it has them, else the style's own.
+    struct Icon {
+        int id;
+        char const* theme;
+        QStyle::StandardPixmap fallback;
+    };
+    Icon const icons[] = {{kNew, "document-new", QStyle::SP_FileIcon},
+                          {kOpen, "document-open", QStyle::SP_DialogOpenButton},
+                          {kSave, "document-save", QStyle::SP_DialogSaveButton},
+                          {kUndo, "edit-undo", QStyle::SP_ArrowBack},
+                          {kRedo, "edit-redo", QStyle::SP_ArrowForward},
+                          {D::kPlay, "media-playback-start", QStyle::SP_MediaPlay},
+                          {D::kStop, "media-playback-stop", QStyle::SP_MediaStop},
+                          {kRecord, "media-record", QStyle::SP_DialogYesButton}};
+    for (Icon const& icon : icons) {
+        m_actions[icon.id]->setIcon(QIcon::fromTheme(QString::fromLatin1(icon.theme),
+                                                     style()->standardIcon(icon.fallback)));
+    }
 
     QToolBar* bar = addToolBar(tr("Main"));
     bar->setObjectName(QStringLiteral("MainToolBar"));
@@ -437,6 +458,11 @@ SEResult SEMainWindow::RunCommand(int id) {
     if (HandleWindowCommand(id)) {
         UpdateEnabling();
         return SEResult::kDone;
+    }
+    if (m_recordingView != nullptr) {
+        // The recording is writing into a document; edits wait until it stops.
+        (void)MessageBox("Record", "Stop the recording first.", {"OK"});
+        return SEResult::kIgnored;
     }
     SEResult const result = m_core.Command(id, 0);
     if (result == SEResult::kUnavailable) {
