@@ -66,6 +66,9 @@ SEMainWindow::SEMainWindow(LSettingsStore* settings)
     });
     connect(m_tabs, &QTabWidget::tabCloseRequested, this, [this](int index) {
         if (SEFileGUI* view = m_core.GetWindows().At(static_cast<std::size_t>(index))) {
+            if (view == m_recordingView) {
+                StopRecording(); // the recording writes into the document being closed
+            }
             (void)m_core.CmCloseFileWindow(view);
             SyncTabs();
         }
@@ -289,6 +292,9 @@ void SEMainWindow::SyncTabs() {
     // Pages whose view is gone first, then one page per view in the manager's order.
     for (auto it = m_waveforms.begin(); it != m_waveforms.end();) {
         if (windows.IndexOf(it->first) >= windows.GetCount()) {
+            if (it->first == m_playingView) {
+                StopPlayback();
+            }
             m_tabs->removeTab(m_tabs->indexOf(it->second));
             delete it->second;
             it = m_waveforms.erase(it);
