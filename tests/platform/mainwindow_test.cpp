@@ -315,4 +315,36 @@ TEST_F(MainWindowTest, RecentFilesAndGeometryAreRemembered) {
     EXPECT_EQ(again.size(), QSize(900, 500));
 }
 
+// Every menu command, on a document with a selection, with every dialog it opens cancelled:
+// the window must come through all of them (ASan watches for what a handler gets wrong).
+TEST_F(MainWindowTest, EveryMenuCommandRunsWithItsDialogsCancelled) {
+    Open(WriteWav("any.wav", HalfAndHalf(kRate)));
+    SEFileGUI* view = m_window->GetCore().GetCurrentView();
+    QTimer canceller;
+    int cancelled = 0;
+    QObject::connect(&canceller, &QTimer::timeout, [&cancelled] {
+        if (auto* dialog = qobject_cast<QDialog*>(QApplication::activeModalWidget())) {
+            ++cancelled;
+            dialog->reject();
+        }
+    });
+    canceller.start(5);
+    for (QAction* action : m_window->findChildren<QAction*>()) {
+        if (action == m_window->GetAction(SEDesktopCmd::kQuit) || !action->isEnabled()) {
+            continue;
+        }
+        m_window->GetCore().GetCore().ModifySelection(m_window->GetCore().GetCurrentView(),
+                                                      kRate / 4, kRate / 2, kRate / 4);
+        action->trigger();
+        (void)m_window->RunCommand(SEDesktopCmd::kStop);
+        (void)m_window->RunCommand(SEDesktopCmd::kRecordStop);
+        ASSERT_NE(m_window->GetCore().GetCurrentView(), nullptr) << action->text().toStdString();
+    }
+    canceller.stop();
+    EXPECT_GT(cancelled, 5);
+    EXPECT_EQ(m_window->GetCore().GetWindows().IndexOf(view), 0u) << "the first document stays";
+    EXPECT_EQ(m_window->GetTabs()->count(),
+              static_cast<int>(m_window->GetCore().GetWindows().GetCount()));
+}
+
 } // namespace
