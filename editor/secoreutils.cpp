@@ -317,14 +317,23 @@ SEResult SECoreUtils::DeleteRange(SEFileGUI& view, char const* description,
     return modifier.Commit() ? SEResult::kDone : SEResult::kCancelled;
 }
 
-SEResult SECoreUtils::CmClear(SEFileGUI* view, char const* description) {
+SEFileGUI* SECoreUtils::ResolveSelected(SEFileGUI* view, SESelection& selection) {
     SEFileGUI* const v = Resolve(view);
     if (v == nullptr) {
-        return SEResult::kIgnored;
+        return nullptr;
     }
-    SESelection const selection = SESelectionOf(*v->GetFile());
+    selection = SESelectionOf(*v->GetFile());
     if (selection.IsEmpty()) {
         m_lastError = "Nothing is selected.";
+        return nullptr;
+    }
+    return v;
+}
+
+SEResult SECoreUtils::CmClear(SEFileGUI* view, char const* description) {
+    SESelection selection;
+    SEFileGUI* const v = ResolveSelected(view, selection);
+    if (v == nullptr) {
         return SEResult::kIgnored;
     }
     SESelectionState collapsed = v->GetFile()->GetSelection();
@@ -422,13 +431,9 @@ SEResult SECoreUtils::CmTrimEnd(SEFileGUI* view) {
 }
 
 SEResult SECoreUtils::CmSilence(SEFileGUI* view) {
-    SEFileGUI* const v = Resolve(view);
+    SESelection selection;
+    SEFileGUI* const v = ResolveSelected(view, selection);
     if (v == nullptr) {
-        return SEResult::kIgnored;
-    }
-    SESelection const selection = SESelectionOf(*v->GetFile());
-    if (selection.IsEmpty()) {
-        m_lastError = "Nothing is selected.";
         return SEResult::kIgnored;
     }
     SEEfSilence effect(v->GetFilePtr(), selection);

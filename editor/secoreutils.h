@@ -131,6 +131,8 @@ private:
     // with `args` after it, as one modification described `description`.
     template <class Effect, class... Args>
     SEResult RunOnRange(SEFileGUI* view, char const* description, Args&&... args);
+    // Resolve, and the view's selection; null (the reason kept) when nothing is selected.
+    [[nodiscard]] SEFileGUI* ResolveSelected(SEFileGUI* view, SESelection& selection);
     // Plays the source `open` makes over the selection (the whole document without one).
     SEResult PlayProcessed(SEFileGUI* view, std::function<LSoundSource(LSoundSource&)> const& open);
     // Undo, redo or revert through `step`; `nothing` is the reason kept when it cannot.
