@@ -20,6 +20,7 @@
 #include "llib/snd/cache.h"
 #include "llib/snd/cutlistaudio.h"
 
+#include "bench/support/benchcommand.h"
 #include "bench/support/benchmain.h"
 #include "bench/support/benchsources.h"
 
@@ -79,24 +80,10 @@ std::unique_ptr<Session>& SessionSlot() {
     return session;
 }
 
-// Runs command `id` on the current document and checks that it ran and left the document
-// `frames` long; an error message otherwise.
+// Runs command `id` on the current document; an error message unless it ran and left the
+// document `frames` long.
 std::string RunCommand(Session& s, int id, long long frames) {
-    SEResult const result = s.dialog->Command(id);
-    // The headless front end logs every event; the log must not grow across iterations.
-    s.ui.ClearEvents();
-    s.ui.ClearMessages();
-    if (result != SEResult::kDone) {
-        std::string const error = s.dialog->GetLastError();
-        return "command " + std::to_string(id) +
-               " did not run: " + (error.empty() ? std::string("no reason given") : error);
-    }
-    long long const length = s.dialog->GetCurrentView()->GetFile()->GetAudio().GetLengthFrames();
-    if (length != frames) {
-        return "command " + std::to_string(id) + " left " + std::to_string(length) +
-               " frames, not " + std::to_string(frames);
-    }
-    return {};
+    return RunBenchCommand(s.ui, *s.dialog, id, frames);
 }
 
 void Select(Session& s, long long start, long long end) {

@@ -24,6 +24,7 @@
 #include "llib/snd/cutlistaudio.h"
 #include "llib/snd/gensource.h"
 
+#include "bench/support/benchcommand.h"
 #include "bench/support/benchmain.h"
 #include "bench/support/benchsources.h"
 
@@ -81,21 +82,7 @@ std::unique_ptr<Session>& SessionSlot() {
 // Runs command `id` with `values` for its dialog; an error message when it did not run or left
 // the document at another length.
 std::string RunCommand(Session& s, int id, std::map<std::string, std::string> values = {}) {
-    s.ui.SetValues(std::move(values));
-    SEResult const result = s.dialog->Command(id);
-    // The headless front end logs every event; the log must not grow across iterations.
-    s.ui.ClearEvents();
-    s.ui.ClearMessages();
-    if (result != SEResult::kDone) {
-        std::string const error = s.dialog->GetLastError();
-        return "command " + std::to_string(id) +
-               " did not run: " + (error.empty() ? std::string("no reason given") : error);
-    }
-    SEFileGUI const* const view = s.dialog->GetCurrentView();
-    if (view == nullptr || view->GetFile()->GetAudio().GetLengthFrames() != kDocumentFrames) {
-        return "command " + std::to_string(id) + " left no document or one of another length";
-    }
-    return {};
+    return RunBenchCommand(s.ui, *s.dialog, id, kDocumentFrames, std::move(values));
 }
 
 std::vector<float> ReadFrames(LCutListAudio const& audio, long long start) {
