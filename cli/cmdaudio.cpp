@@ -4,6 +4,7 @@
 #include "cli/cliprocess.h"
 #include "llib/gen/stringlong.h"
 #include "llib/snd/filetagdata.h"
+#include "llib/snd/flacfile.h"
 #include "llib/snd/gensource.h"
 #include "llib/snd/prsourcesink.h"
 #include "llib/snd/soundtime.h"
@@ -134,6 +135,53 @@ bool ReadPeak(LSoundSource& source, LCliProcess& process, float& peak) {
     return true;
 }
 
+// The encoder settings convert accepts with --set, and the values each takes.
+struct EncoderSetting {
+    char const* group;
+    char const* key;
+    int lowest;
+    int highest;
+    bool depth; // only 8, 16, 24 or 32
+};
+constexpr EncoderSetting kEncoderSettings[] = {
+    {"FlacEncoder", "Compression", 0, kLFLACMaxCompression, false},
+    {"FlacEncoder", "BitDepth", 8, 32, true},
+};
+
+// "GROUP.KEY=VALUE" into the save's own settings; false with a message for anything else.
+bool ParseEncoderSetting(std::string const& text, LGenSinkFormat& format, std::string& error) {
+    std::size_t const dot = text.find('.');
+    std::size_t const equals = text.find('=');
+    if (dot == std::string::npos || equals == std::string::npos || dot > equals) {
+        error = "--set takes GROUP.KEY=VALUE";
+        return false;
+    }
+    std::string const group = text.substr(0, dot);
+    std::string const key = text.substr(dot + 1, equals - dot - 1);
+    std::string const value = text.substr(equals + 1);
+    for (EncoderSetting const& known : kEncoderSettings) {
+        if (group != known.group || key != known.key) {
+            continue;
+        }
+        char* end = nullptr;
+        long const v = std::strtol(value.c_str(), &end, 10);
+        bool const inRange = end != value.c_str() && *end == '\0' && v >= known.lowest &&
+                             v <= known.highest && (!known.depth || (v % 8 == 0 && v != 0));
+        if (!inRange) {
+            error = known.depth ? group + "." + key + " takes 8, 16, 24 or 32"
+                                : group + "." + key + " takes " + std::to_string(known.lowest) +
+                                      " to " + std::to_string(known.highest);
+            return false;
+        }
+        format.settings.push_back({group, key, value});
+        return true;
+    }
+    error = "unknown setting '" + group + "." + key +
+            "' (known: FlacEncoder.Compression, "
+            "FlacEncoder.BitDepth)";
+    return false;
+}
+
 int InfoOne(char const* path) {
     LCliProcess process("Reading");
     LSoundSource source;
@@ -145,9 +193,24 @@ int InfoOne(char const* path) {
     std::printf("%s\n", path);
     LWaveFileInfo wave{};
     bool const isWave = LGenFileExtension(path) == ".wav" && LWaveFileInfoGet(path, wave);
+    LFLACFileInfo flac;
     if (isWave) {
         std::printf("  Format:      WAV, %s\n", WaveFormatName(wave.formatTag, wave.bits));
         std::printf("  Bits:        %d\n", wave.bits);
+    } else if (LGenFileExtension(path) == ".flac" && LFLACFile::GetInfo(path, flac)) {
+        std::printf("  Format:      FLAC\n");
+        std::printf("  Bits:        %u\n", flac.streamInfo.bitsPerSample);
+        if (!flac.vendor.empty()) {
+            std::printf("  Encoder:     %s\n", flac.vendor.c_str());
+        }
+        std::printf("  Block size:  %u to %u frames\n",
+                    static_cast<unsigned>(flac.streamInfo.minBlockFrames),
+                    static_cast<unsigned>(flac.streamInfo.maxBlockFrames));
+        char md5[33] = {};
+        for (std::size_t i = 0; i < flac.streamInfo.md5.size(); ++i) {
+            std::snprintf(md5 + 2 * i, 3, "%02x", flac.streamInfo.md5[i]);
+        }
+        std::printf("  MD5:         %s\n", md5);
     } else {
         std::printf("  Format:      read by the platform decoder\n");
     }
@@ -269,6 +332,14 @@ int LCliRunConvert(int argc, char** argv) {
         }
         if (arg == "--dither") {
             format.dither = true;
+        } else if (arg == "--set") {
+            if (i + 1 >= argc) {
+                return LCliUsageError("--set takes GROUP.KEY=VALUE");
+            }
+            std::string error;
+            if (!ParseEncoderSetting(argv[++i], format, error)) {
+                return LCliUsageError(error.c_str());
+            }
         } else if (arg.size() > 1 && arg[0] == '-') {
             return LCliUsageError(("unknown option '" + arg + "'").c_str());
         } else {
@@ -277,6 +348,9 @@ int LCliRunConvert(int argc, char** argv) {
     }
     if (files.size() != 2) {
         return LCliUsageError("convert needs IN and OUT");
+    }
+    if (LGenFileExtension(files[1]) == ".flac" && (format.floatSamples || format.g711 != 0)) {
+        return LCliUsageError("FLAC holds integer samples: --bits takes 8, 16, 24 or 32 there");
     }
     LCliProcess opening("Opening");
     LSoundSource source;

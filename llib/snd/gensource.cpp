@@ -5,9 +5,11 @@
 #include "llib/gen/stringlong.h"
 #include "llib/gen/userdirs.h"
 #include "llib/snd/audiofilelib.h"
+#include "llib/snd/flacfile.h"
 #include "llib/snd/wavefile.h"
 
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -37,6 +39,23 @@ std::string DecidingExtension(char const* path, char const* extension) {
     }
     std::string const name = std::string("x") + (*extension == '.' ? "" : ".") + extension;
     return LGenFileExtension(name.c_str());
+}
+
+// An integer encoder setting: the save's own value when it has one, else the stored one.
+int SettingInt(LSettingsStore& store, LGenSinkFormat const* format, char const* group,
+               char const* key, int def) {
+    if (format != nullptr) {
+        for (LGenSinkFormat::Setting const& s : format->settings) {
+            if (s.group == group && s.key == key) {
+                char* end = nullptr;
+                long const v = std::strtol(s.value.c_str(), &end, 10);
+                if (end != s.value.c_str() && *end == '\0') {
+                    return static_cast<int>(v);
+                }
+            }
+        }
+    }
+    return store.GetInt(group, key, def);
 }
 
 } // namespace
@@ -72,6 +91,8 @@ LProcessResult ProcessGenSourceOpenSource(LSoundSource& result, char const* path
             if (Failed(result)) {
                 TryPlatformDecoder(result, path);
             }
+        } else if (ext == ".flac") {
+            result = LFLACFile::OpenSource(path);
         } else {
             TryPlatformDecoder(result, path);
         }
@@ -183,6 +204,20 @@ LSoundSink LGenSinkOpenSink(char const* path, int rate, unsigned char channels,
             wave.avgBytesPerSec = wave.samplesPerSec * wave.blockAlign;
         }
         return LWaveFile::OpenSink(path, wave);
+    }
+    if (ext == ".flac") {
+        int const compression =
+            SettingInt(store, format, "FlacEncoder", "Compression", kLFLACDefaultCompression);
+        int bits = SettingInt(store, format, "FlacEncoder", "BitDepth", 16);
+        if (format != nullptr && format->bits != 0) {
+            bits = format->bits;
+        }
+        if (format != nullptr && (format->floatSamples || format->g711 != 0)) {
+            bits = 0; // FLAC holds integer samples only
+        }
+        bool const dither = format != nullptr && format->dither;
+        return LFLACFile::OpenSink(path, rate > 0 ? rate : 44100, channels > 0 ? channels : 1, bits,
+                                   dither, compression);
     }
     return LMakeSink<LSoundSinkError>();
 }

@@ -7,18 +7,21 @@
 // checks its own header.
 //
 // Opening: ".wav" goes to the WAV reader and, when that fails, to the platform decoder (which
-// reads, for example, IMA ADPCM WAV). Any other extension goes to the platform decoder. Readers
+// reads, for example, IMA ADPCM WAV); ".flac" goes to our own FLAC decoder only. Any other
+// extension goes to the platform decoder. Readers
 // for further formats join the chain in their places as they arrive. A failure leaves an error
 // source in `result`; ProcessGenSourceGetError turns it into the message for the user.
 //
 // Saving: ".wav" reads "WavSettings" and the stored WAVE format ("WavCodec.wff" in the user data
-// folder); an unknown extension gives an error sink.
+// folder); ".flac" reads "FlacEncoder" ("Compression" 0 to 8, default 5; "BitDepth" 8, 16, 24 or
+// 32, default 16); an unknown extension gives an error sink.
 
 #include "llib/gen/process.h"
 #include "llib/snd/soundsink.h"
 #include "llib/snd/soundsource.h"
 
 #include <string>
+#include <vector>
 
 class LCutListAudio;
 class LFileTagData;
@@ -55,6 +58,14 @@ struct LGenSinkFormat {
     bool floatSamples = false; // 32-bit float
     int g711 = 0;              // 6 A-law, 7 mu-law
     bool dither = false;
+    // Encoder settings for this save only, read before the stored ones (the command line's
+    // --set FlacEncoder.Compression=8).
+    struct Setting {
+        std::string group;
+        std::string key;
+        std::string value;
+    };
+    std::vector<Setting> settings;
 };
 
 // Opens the sink for `path` at `rate` and `channels`, by extension, reading the format's stored
