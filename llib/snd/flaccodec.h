@@ -56,7 +56,9 @@ public:
     std::uint32_t ReadUnary(std::uint32_t limit) {
         std::uint32_t zeros = 0;
         Refill();
-        while (m_cache == 0) {
+        // The cache may already hold bits of the bytes after m_next beyond its count (a refill
+        // loads whole words), so a one bit only counts within the count.
+        while (m_cache == 0 || std::countl_zero(m_cache) >= m_count) {
             zeros += static_cast<std::uint32_t>(m_count);
             m_cache = 0;
             m_count = 0;
@@ -125,7 +127,7 @@ private:
     unsigned char const* m_begin;
     unsigned char const* m_next;
     unsigned char const* m_end;
-    std::uint64_t m_cache = 0; // unread bits, most significant first
+    std::uint64_t m_cache = 0; // unread bits, most significant first (and maybe some beyond)
     int m_count = 0;           // how many bits of m_cache are unread
     bool m_bad = false;
 };

@@ -11,23 +11,60 @@ void LFLACBitReader::ReadRice(std::int32_t* out, int count, int k) {
     std::uint64_t any = 0;
     std::uint32_t const lowMask = (std::uint32_t{1} << k) - 1;
     std::uint32_t const limit = 0xFFFFFFFFu >> k;
-    for (int i = 0; i < count; ++i) {
-        Refill();
-        std::uint64_t u = 0;
-        int const lead = m_cache != 0 ? std::countl_zero(m_cache) : 64;
-        if (lead + 1 + k <= m_count) {
-            std::uint64_t const top = m_cache << lead; // the stop bit leads
-            u = static_cast<std::uint64_t>(lead) << k |
-                (static_cast<std::uint32_t>(top >> (63 - k)) & lowMask);
-            m_cache = (top << 1) << k;
-            m_count -= lead + 1 + k;
-        } else {
-            std::uint32_t const q = ReadUnary(limit);
-            u = static_cast<std::uint64_t>(q) << k | Read(k);
-        }
+    auto const put = [&](int i, std::uint64_t u) {
         any |= u;
         auto const v = static_cast<std::uint32_t>(u);
         out[i] = static_cast<std::int32_t>((v >> 1) ^ (0u - (v & 1)));
+    };
+    int i = 0;
+    // The state lives in registers while codes are decoded from the cache, which is topped up
+    // between runs of codes; codes longer than what the cache holds take the careful path.
+    std::uint64_t cache = m_cache;
+    int bits = m_count;
+    unsigned char const* next = m_next;
+    while (i < count && next < m_end) {
+        if (bits < 57) {
+            std::uint64_t v;
+            std::memcpy(&v, next, 8);
+            if constexpr (std::endian::native == std::endian::little) {
+                v = __builtin_bswap64(v);
+            }
+            cache |= v >> bits;
+            next += (63 - bits) >> 3;
+            bits |= 56;
+        }
+        int decoded = 0;
+        while (i < count) {
+            int const lead = cache != 0 ? std::countl_zero(cache) : 64;
+            if (lead + 1 + k > bits) {
+                break;
+            }
+            std::uint64_t const top = cache << lead; // the stop bit leads
+            put(i, static_cast<std::uint64_t>(lead) << k |
+                       (static_cast<std::uint32_t>(top >> (63 - k)) & lowMask));
+            cache = (top << 1) << k;
+            bits -= lead + 1 + k;
+            ++i;
+            ++decoded;
+        }
+        if (decoded == 0 && i < count) {
+            // A code longer than the cache: read it field by field.
+            m_cache = cache;
+            m_count = bits;
+            m_next = next;
+            std::uint32_t const q = ReadUnary(limit);
+            put(i++, static_cast<std::uint64_t>(q) << k | Read(k));
+            cache = m_cache;
+            bits = m_count;
+            next = m_next;
+        }
+    }
+    m_cache = cache;
+    m_count = bits;
+    m_next = next;
+    for (; i < count; ++i) {
+        std::uint32_t const q = ReadUnary(limit);
+        put(i, static_cast<std::uint64_t>(q) << k | Read(k));
     }
     if ((any >> 32) != 0) {
         m_bad = true;
@@ -215,46 +252,78 @@ inline S WrapAdd(S a, S b) {
     return static_cast<S>(static_cast<Unsigned<S>>(a) + static_cast<Unsigned<S>>(b));
 }
 
+// The fixed predictors, one loop per order so each keeps its history in registers.
+template <class S, int kOrder>
+void RestoreFixedOrder(S* out, int frames) {
+    using U = Unsigned<S>;
+    U h1 = kOrder >= 1 ? static_cast<U>(out[kOrder - 1]) : 0;
+    U h2 = kOrder >= 2 ? static_cast<U>(out[kOrder - 2]) : 0;
+    U h3 = kOrder >= 3 ? static_cast<U>(out[kOrder - 3]) : 0;
+    U h4 = kOrder >= 4 ? static_cast<U>(out[kOrder - 4]) : 0;
+    for (int i = kOrder; i < frames; ++i) {
+        U p = 0;
+        if constexpr (kOrder == 1) {
+            p = h1;
+        } else if constexpr (kOrder == 2) {
+            p = 2 * h1 - h2;
+        } else if constexpr (kOrder == 3) {
+            p = 3 * (h1 - h2) + h3;
+        } else if constexpr (kOrder == 4) {
+            p = 4 * (h1 + h3) - 6 * h2 - h4;
+        }
+        U const v = static_cast<U>(out[i]) + p;
+        out[i] = static_cast<S>(v);
+        h4 = h3;
+        h3 = h2;
+        h2 = h1;
+        h1 = v;
+    }
+}
+
 template <class S>
 void RestoreFixed(S* out, int frames, int order) {
-    using U = Unsigned<S>;
-    for (int i = order; i < frames; ++i) {
-        U const r = static_cast<U>(out[i]);
-        U p = 0;
-        switch (order) {
-        case 1:
-            p = static_cast<U>(out[i - 1]);
-            break;
-        case 2:
-            p = 2 * static_cast<U>(out[i - 1]) - static_cast<U>(out[i - 2]);
-            break;
-        case 3:
-            p = 3 * static_cast<U>(out[i - 1]) - 3 * static_cast<U>(out[i - 2]) +
-                static_cast<U>(out[i - 3]);
-            break;
-        case 4:
-            p = 4 * static_cast<U>(out[i - 1]) - 6 * static_cast<U>(out[i - 2]) +
-                4 * static_cast<U>(out[i - 3]) - static_cast<U>(out[i - 4]);
-            break;
-        default:
-            break;
-        }
-        out[i] = static_cast<S>(r + p);
+    switch (order) {
+    case 1:
+        RestoreFixedOrder<S, 1>(out, frames);
+        break;
+    case 2:
+        RestoreFixedOrder<S, 2>(out, frames);
+        break;
+    case 3:
+        RestoreFixedOrder<S, 3>(out, frames);
+        break;
+    case 4:
+        RestoreFixedOrder<S, 4>(out, frames);
+        break;
+    default:
+        break;
     }
 }
 
 template <int kOrder>
 void RestoreLPCFixedOrder(std::int32_t* out, int frames, std::int32_t const* coefs, int shift) {
+    // Each sample depends on the one before, so the loop runs at the speed of that chain. The
+    // last kOrder outputs are kept in registers (the arrays are unrolled away) so the chain is a
+    // multiply and three additions, without a store and reload between samples.
     std::uint32_t c[kOrder];
+    std::uint32_t h[kOrder]; // h[0] the latest output
     for (int j = 0; j < kOrder; ++j) {
         c[j] = static_cast<std::uint32_t>(coefs[j]);
+        h[j] = static_cast<std::uint32_t>(out[kOrder - 1 - j]);
     }
     for (int i = kOrder; i < frames; ++i) {
-        std::uint32_t sum = 0;
-        for (int j = 0; j < kOrder; ++j) {
-            sum += c[j] * static_cast<std::uint32_t>(out[i - 1 - j]);
+        std::uint32_t older = 0;
+        for (int j = 1; j < kOrder; ++j) {
+            older += c[j] * h[j];
         }
-        out[i] = WrapAdd(out[i], static_cast<std::int32_t>(sum) >> shift);
+        std::uint32_t const sum = older + c[0] * h[0];
+        std::uint32_t const v = static_cast<std::uint32_t>(out[i]) +
+                                static_cast<std::uint32_t>(static_cast<std::int32_t>(sum) >> shift);
+        out[i] = static_cast<std::int32_t>(v);
+        for (int j = kOrder - 1; j > 0; --j) {
+            h[j] = h[j - 1];
+        }
+        h[0] = v;
     }
 }
 

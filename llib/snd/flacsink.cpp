@@ -9,6 +9,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 using namespace llib::detail;
@@ -16,6 +17,9 @@ using namespace llib::detail;
 namespace {
 
 constexpr int kBlockFrames = 4096;
+// Blocks handed to the worker at a time: enough to make the hand-over rare, few enough that
+// the two batches stay in the cache.
+constexpr long long kBatchFrames = 8 * kBlockFrames;
 constexpr char kVendor[] = "Tessel";
 // "fLaC", the STREAMINFO block, and a comment block holding only the vendor string.
 constexpr std::size_t kStreamInfoAt = 8;
@@ -69,12 +73,16 @@ LFLACSink<T>::LFLACSink(char const* path, int rateHz, unsigned char channels, in
         SetFailed();
         return;
     }
-    m_block.resize(static_cast<std::size_t>(kBlockFrames) * channels);
-    m_md5Bytes.resize(m_block.size() * 4);
+    for (Batch& batch : m_batches) {
+        batch.samples.resize(static_cast<std::size_t>(kBatchFrames) * channels);
+    }
+    m_md5Bytes.resize(static_cast<std::size_t>(kBatchFrames) * channels * 4);
     m_frame.resize(LFLACFrame::GetBound(channels, kBlockFrames));
     m_encoder = std::make_unique<LFLACFrame>(channels, bits, m_compression);
     m_writer.SetWritebackInterval(kWritebackBytes);
     m_writer.Start(m_fd);
+    // Without a worker the batches are encoded on the caller's thread.
+    (void)m_thread.Start([this] { RunWorker(); });
 }
 
 template <class T>
@@ -120,49 +128,111 @@ void LFLACSink<T>::Write(float const* buffer, long long frames) {
     }
     int const channels = GetChannels();
     while (frames > 0 && !IsFailed()) {
-        long long const n = std::min<long long>(frames, kBlockFrames - m_blockFrames);
-        Quantise(buffer, m_block.data() + static_cast<std::size_t>(m_blockFrames) * channels,
+        Batch& batch = m_batches[m_filling];
+        long long const n = std::min(frames, kBatchFrames - batch.frames);
+        Quantise(buffer, batch.samples.data() + static_cast<std::size_t>(batch.frames) * channels,
                  n * channels);
-        m_blockFrames += static_cast<int>(n);
+        batch.frames += n;
         AddFramesWritten(n);
         buffer += n * channels;
         frames -= n;
-        if (m_blockFrames == kBlockFrames) {
-            EncodeBlock();
+        if (batch.frames == kBatchFrames) {
+            Submit();
         }
     }
 }
 
 template <class T>
-void LFLACSink<T>::EncodeBlock() {
-    if (m_blockFrames == 0 || IsFailed()) {
+void LFLACSink<T>::Digest(Batch const& batch) {
+    // The digest covers the samples as little-endian integers of their byte width.
+    std::size_t const count = static_cast<std::size_t>(batch.frames) * GetChannels();
+    int const width = (m_bits + 7) / 8;
+    unsigned char* const p = m_md5Bytes.data();
+    std::int32_t const* const in = batch.samples.data();
+    if (width == 2 && std::endian::native == std::endian::little) {
+        for (std::size_t i = 0; i < count; ++i) {
+            auto const v = static_cast<std::int16_t>(in[i]);
+            std::memcpy(p + 2 * i, &v, 2);
+        }
+    } else {
+        for (std::size_t i = 0; i < count; ++i) {
+            auto const v = static_cast<std::uint32_t>(in[i]);
+            for (int b = 0; b < width; ++b) {
+                p[i * static_cast<std::size_t>(width) + static_cast<std::size_t>(b)] =
+                    static_cast<unsigned char>(v >> (8 * b));
+            }
+        }
+    }
+    m_md5.Update(p, count * static_cast<std::size_t>(width));
+}
+
+template <class T>
+bool LFLACSink<T>::EncodeBatch(Batch const& batch) {
+    std::size_t const channels = GetChannels();
+    for (long long at = 0; at < batch.frames; at += kBlockFrames) {
+        int const frames = static_cast<int>(std::min<long long>(kBlockFrames, batch.frames - at));
+        std::size_t const bytes =
+            m_encoder->WriteFrame(batch.samples.data() + static_cast<std::size_t>(at) * channels,
+                                  frames, m_frameNumber++, m_info, m_frame.data());
+        auto const frameBytes = static_cast<std::uint32_t>(bytes);
+        m_info.minFrameBytes =
+            m_info.minFrameBytes == 0 ? frameBytes : std::min(m_info.minFrameBytes, frameBytes);
+        m_info.maxFrameBytes = std::max(m_info.maxFrameBytes, frameBytes);
+        m_info.totalFrames += static_cast<std::uint64_t>(frames);
+        if (!m_writer.Write(m_frame.data(), bytes)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+template <class T>
+void LFLACSink<T>::RunWorker() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        m_changed.wait(lock, [this] { return m_queued >= 0 || m_stop; });
+        if (m_queued < 0) {
+            return;
+        }
+        Batch const& batch = m_batches[m_queued];
+        m_busy = true;
+        lock.unlock();
+        bool const ok = EncodeBatch(batch);
+        lock.lock();
+        m_workerFailed = m_workerFailed || !ok;
+        m_busy = false;
+        m_queued = -1;
+        m_changed.notify_all();
+    }
+}
+
+template <class T>
+void LFLACSink<T>::Submit() {
+    Batch& batch = m_batches[m_filling];
+    if (batch.frames == 0) {
         return;
     }
-    int const channels = GetChannels();
-    std::size_t const count = static_cast<std::size_t>(m_blockFrames) * channels;
-    // The digest covers the samples as little-endian integers of their byte width.
-    int const width = (m_bits + 7) / 8;
-    unsigned char* p = m_md5Bytes.data();
-    for (std::size_t i = 0; i < count; ++i) {
-        auto const v = static_cast<std::uint32_t>(m_block[i]);
-        for (int b = 0; b < width; ++b) {
-            p[b] = static_cast<unsigned char>(v >> (8 * b));
+    if (!m_thread.IsStarted()) {
+        Digest(batch);
+        if (!EncodeBatch(batch)) {
+            SetFailed();
         }
-        p += width;
+        batch.frames = 0;
+        return;
     }
-    m_md5.Update(m_md5Bytes.data(), count * static_cast<std::size_t>(width));
-    std::size_t const bytes =
-        m_encoder->WriteFrame(m_block.data(), m_blockFrames, m_frameNumber, m_info, m_frame.data());
-    ++m_frameNumber;
-    auto const frameBytes = static_cast<std::uint32_t>(bytes);
-    m_info.minFrameBytes =
-        m_info.minFrameBytes == 0 ? frameBytes : std::min(m_info.minFrameBytes, frameBytes);
-    m_info.maxFrameBytes = std::max(m_info.maxFrameBytes, frameBytes);
-    m_info.totalFrames += static_cast<std::uint64_t>(m_blockFrames);
-    m_blockFrames = 0;
-    if (!m_writer.Write(m_frame.data(), bytes)) {
-        SetFailed();
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_queued < 0 && !m_busy; });
+        if (m_workerFailed) {
+            SetFailed();
+        }
+        m_queued = m_filling;
+        m_changed.notify_all();
     }
+    Digest(batch);
+    // The other batch is free: the worker finished it before taking this one.
+    m_filling = 1 - m_filling;
+    m_batches[m_filling].frames = 0;
 }
 
 template <class T>
@@ -172,7 +242,21 @@ bool LFLACSink<T>::Finish() {
     }
     m_finished = true;
     if (!IsFailed()) {
-        EncodeBlock();
+        Submit();
+    }
+    if (m_thread.IsStarted()) {
+        {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_changed.wait(lock, [this] { return m_queued < 0 && !m_busy; });
+            m_stop = true;
+            m_changed.notify_all();
+            if (m_workerFailed) {
+                SetFailed();
+            }
+        }
+        m_thread.Join();
+    }
+    if (m_fd.IsOpen()) {
         bool ok = m_writer.Finish() && !IsFailed();
         m_info.md5 = m_md5.Finish();
         unsigned char si[kLFLACStreamInfoBytes];

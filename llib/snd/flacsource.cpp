@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 using namespace llib::detail;
@@ -305,7 +306,20 @@ void LFLACSource::Deliver(float* out, long long frames) {
     unsigned char* const pack = m_pack.data();
     // Samples are put in the stored form of their container and read through the WAV reader's
     // conversions, so a FLAC file reads exactly as the WAV file it was made from.
-    for (std::size_t c = 0; c < channels; ++c) {
+    bool const stereo16 =
+        channels == 2 && container == 16 && !m_wide && std::endian::native == std::endian::little;
+    if (stereo16) {
+        // The common case in one pass: both channels' 16-bit values side by side in a word.
+        int const up = container - bits;
+        std::int32_t const* const left = m_samples.data() + offset;
+        std::int32_t const* const right = left + kLFLACMaxBlockFrames;
+        for (std::size_t i = 0; i < n; ++i) {
+            std::uint32_t const w = ((static_cast<std::uint32_t>(left[i]) << up) & 0xFFFF) |
+                                    (static_cast<std::uint32_t>(right[i]) << up << 16);
+            std::memcpy(pack + 4 * i, &w, 4);
+        }
+    }
+    for (std::size_t c = 0; c < channels && !stereo16; ++c) {
         std::size_t const from = c * kLFLACMaxBlockFrames + offset;
         if (container <= 16 && !m_wide) {
             int const up = container - bits;

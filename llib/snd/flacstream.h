@@ -9,14 +9,17 @@
 #include "llib/snd/flacfile.h"
 #include "llib/unix/fd.h"
 #include "llib/unix/filelock.h"
+#include "llib/unix/thread.h"
 #include "llib/unix/writebehind.h"
 
 namespace llib::detail {
 class LWaveDither;
 }
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 // Decodes frames into per-channel integer buffers and hands them out as float. The file is read
@@ -85,8 +88,10 @@ private:
     long long m_lostFrames = 0;
 };
 
-// Encodes blocks of 4096 frames. T is short for up to 16 bits per sample and int for 24 and 32,
-// the containers the samples are rounded to (as the WAV writer of the same depth rounds).
+// Encodes blocks of 4096 frames. The caller's thread rounds the samples and computes the MD5;
+// a worker thread of the sink encodes them, a batch of blocks behind. T is short for up to 16 bits
+// per sample and int for 24 and 32, the containers the samples are rounded to (as the WAV writer of
+// the same depth rounds).
 template <class T>
 class LFLACSink : public LSoundSinkBase {
 public:
@@ -101,8 +106,18 @@ protected:
     [[nodiscard]] int GetBits() const { return m_bits; }
 
 private:
-    void EncodeBlock();
-    [[nodiscard]] bool Finalise();
+    // Samples of several blocks, filled by the caller's thread and encoded by the worker.
+    struct Batch {
+        std::vector<std::int32_t> samples; // interleaved
+        long long frames = 0;
+    };
+    // Hands the batch being filled to the worker (waiting while it is busy with the other one),
+    // then folds it into the MD5 while the worker encodes it.
+    void Submit();
+    void Digest(Batch const& batch);
+    // Encodes and writes a batch's frames; false when a write fails.
+    [[nodiscard]] bool EncodeBatch(Batch const& batch);
+    void RunWorker();
 
     LFileDescriptor m_fd;
     LFileLock m_lock;
@@ -112,14 +127,23 @@ private:
     int m_compression;
     bool m_finished = false;
     bool m_finishResult = false;
-    std::vector<std::int32_t> m_block; // interleaved, kBlockFrames frames
-    int m_blockFrames = 0;
+    Batch m_batches[2];
+    int m_filling = 0;                    // the batch Write fills
     std::vector<unsigned char> m_scratch; // the stored form of the samples being quantised
     std::vector<unsigned char> m_md5Bytes;
     LMD5 m_md5;
+    // Owned by the worker while it runs.
     std::uint64_t m_frameNumber = 0;
     std::vector<unsigned char> m_frame;
     std::unique_ptr<llib::detail::LFLACFrame> m_encoder;
+    // The hand-over: -1 when the worker has nothing to do.
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_queued = -1;
+    bool m_busy = false;
+    bool m_stop = false;
+    bool m_workerFailed = false;
+    LThread m_thread;
 };
 
 // The 16-bit (and 8-bit) sink with triangular dither added before the samples are rounded.
