@@ -27,6 +27,8 @@ namespace {
 constexpr char const kGroup[] = "Desktop";
 constexpr char const kOpenFilter[] =
     "Audio files (*.wav *.mp3 *.flac *.ogg *.opus *.aif *.aiff *.au *.m4a);;All files (*)";
+// The formats a document can be saved in; the name typed decides, the filter only helps.
+constexpr char const kSaveFilter[] = "WAV files (*.wav);;FLAC files (*.flac);;All files (*)";
 constexpr int kRecordRateHz = 44100;
 constexpr unsigned kRecordChannels = 2;
 
@@ -81,7 +83,7 @@ bool SEMainWindow::ChooseFileToSave(char const* suggestedPath, std::string& path
         suggested = QDir(folder).filePath(suggested);
     }
     QString const chosen = QFileDialog::getSaveFileName(this, tr("Save As"), suggested,
-                                                        QString::fromLatin1(kOpenFilter));
+                                                        QString::fromLatin1(kSaveFilter));
     if (chosen.isEmpty()) {
         return false;
     }
