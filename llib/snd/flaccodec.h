@@ -54,28 +54,35 @@ public:
     // The number of zero bits before the next one bit, which is consumed; stops counting (and
     // marks the reader bad) past `limit`.
     std::uint32_t ReadUnary(std::uint32_t limit) {
-        std::uint32_t zeros = 0;
+        std::uint64_t zeros = 0;
         Refill();
         // The cache may already hold bits of the bytes after m_next beyond its count (a refill
         // loads whole words), so a one bit only counts within the count.
         while (m_cache == 0 || std::countl_zero(m_cache) >= m_count) {
-            zeros += static_cast<std::uint32_t>(m_count);
+            // Past the end, or a run longer than any code may be: the data is damaged. The
+            // limit is checked before adding, so the count cannot wrap around.
+            if (m_bad || zeros + static_cast<std::uint64_t>(m_count) > limit) {
+                m_bad = true;
+                return limit;
+            }
+            zeros += static_cast<std::uint64_t>(m_count);
             m_cache = 0;
             m_count = 0;
-            if (zeros > limit || m_next >= m_end + kLFLACReadPadding) {
+            if (m_next >= m_end + kLFLACReadPadding) {
                 m_bad = true;
-                return zeros;
+                return limit;
             }
             Refill();
         }
         int const lead = std::countl_zero(m_cache);
-        zeros += static_cast<std::uint32_t>(lead);
+        zeros += static_cast<std::uint64_t>(lead);
         m_cache <<= lead + 1;
         m_count -= lead + 1;
         if (zeros > limit) {
             m_bad = true;
+            return limit;
         }
-        return zeros;
+        return static_cast<std::uint32_t>(zeros);
     }
     // `count` Rice codes with parameter `k` (0 to 30) as signed residuals. A code whose value
     // does not fit 32 bits marks the reader bad.

@@ -48,6 +48,9 @@ void LFLACBitReader::ReadRice(std::int32_t* out, int count, int k) {
             ++decoded;
         }
         if (decoded == 0 && i < count) {
+            if (m_bad) {
+                break;
+            }
             // A code longer than the cache: read it field by field.
             m_cache = cache;
             m_count = bits;
@@ -62,7 +65,7 @@ void LFLACBitReader::ReadRice(std::int32_t* out, int count, int k) {
     m_cache = cache;
     m_count = bits;
     m_next = next;
-    for (; i < count; ++i) {
+    for (; i < count && !m_bad; ++i) {
         std::uint32_t const q = ReadUnary(limit);
         put(i, static_cast<std::uint64_t>(q) << k | Read(k));
     }
