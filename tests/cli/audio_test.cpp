@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // tessel-cli's audio commands, run as the program a user runs.
+#include "llib/snd/wavefile.h"
 #include "tests/support/oracle.h"
 #include "tests/support/tempdir.h"
+#include "tests/support/testsources.h"
 
 #include <gtest/gtest.h>
 
@@ -121,6 +123,68 @@ TEST_F(CliAudioTest, FailuresSayWhyInTheSystemsWords) {
     ASSERT_EQ(Cli({"synth", tone, "--seconds", "0.1"}), 0);
     EXPECT_EQ(Cli({"convert", tone, PathOf("x.xyz")}, &out), 1);
     EXPECT_TRUE(Contains(out, "Tessel cannot write files of this type (\".xyz\").")) << out;
+}
+
+TEST_F(CliAudioTest, FlacConvertsBothWaysWithoutChangingTheAudio) {
+    std::string const x = PathOf("x.wav");
+    std::string const y = PathOf("y.flac");
+    std::string const z = PathOf("z.wav");
+    ASSERT_EQ(Cli({"synth", x, "--seconds", "0.7", "--rate", "48000", "--channels", "2"}), 0);
+    std::string out;
+    ASSERT_EQ(Cli({"convert", x, y, "--set", "FlacEncoder.Compression=8"}, &out), 0) << out;
+    ASSERT_EQ(Cli({"convert", y, z}, &out), 0) << out;
+    LSoundSource before = LWaveFile::OpenSource(x.c_str());
+    LSoundSource after = LWaveFile::OpenSource(z.c_str());
+    ASSERT_TRUE(before->IsOk() && after->IsOk());
+    EXPECT_EQ(after->GetSampleRate(), 48000);
+    EXPECT_EQ(after->GetChannels(), 2);
+    EXPECT_EQ(after->GetEndSample(), 33600);
+    EXPECT_TRUE(ReadAll(before) == ReadAll(after));
+
+    ASSERT_EQ(Cli({"info", y}, &out), 0) << out;
+    EXPECT_TRUE(Contains(out, "Format:      FLAC")) << out;
+    EXPECT_TRUE(Contains(out, "Bits:        16")) << out;
+    EXPECT_TRUE(Contains(out, "Encoder:     Tessel")) << out;
+    std::size_t const md5 = out.find("MD5:         ");
+    ASSERT_NE(md5, std::string::npos) << out;
+    std::string const digest = out.substr(md5 + 13, 32);
+    EXPECT_EQ(digest.find_first_not_of("0123456789abcdef"), std::string::npos) << out;
+    if (!FindTool("metaflac").empty()) {
+        std::string shown;
+        ASSERT_EQ(RunTool({"metaflac", "--show-md5sum", y}, &shown), 0);
+        EXPECT_EQ(shown.substr(0, 32), digest);
+    }
+    // The depth asked for, by setting or by --bits, which wins.
+    ASSERT_EQ(Cli({"convert", x, y, "--set", "FlacEncoder.BitDepth=24"}, &out), 0) << out;
+    ASSERT_EQ(Cli({"info", y}, &out), 0);
+    EXPECT_TRUE(Contains(out, "Bits:        24")) << out;
+    ASSERT_EQ(Cli({"convert", x, y, "--set", "FlacEncoder.BitDepth=24", "--bits", "8"}, &out), 0);
+    ASSERT_EQ(Cli({"info", y}, &out), 0);
+    EXPECT_TRUE(Contains(out, "Bits:        8")) << out;
+}
+
+TEST_F(CliAudioTest, FlacSettingsOutOfRangeAreUsageErrors) {
+    std::string const x = PathOf("x.wav");
+    ASSERT_EQ(Cli({"synth", x, "--seconds", "0.1"}), 0);
+    std::string const y = PathOf("y.flac");
+    std::vector<std::vector<std::string>> const refused = {
+        {"--set", "FlacEncoder.Compression=9"},
+        {"--set", "FlacEncoder.Compression=-1"},
+        {"--set", "FlacEncoder.Compression=x"},
+        {"--set", "FlacEncoder.BitDepth=12"},
+        {"--set", "FlacEncoder.Nothing=1"},
+        {"--set", "Compression=5"},
+        {"--set"},
+        {"--bits", "f32"},
+        {"--bits", "alaw"},
+    };
+    for (std::vector<std::string> const& options : refused) {
+        std::vector<std::string> args = {"convert", x, y};
+        args.insert(args.end(), options.begin(), options.end());
+        std::string out;
+        EXPECT_EQ(Cli(args, &out), 2) << options.back() << ": " << out;
+    }
+    EXPECT_EQ(ListNames(), std::vector<std::string>{"x.wav"}) << "nothing written";
 }
 
 // Ctrl+C in the middle of a long convert: the program stops between blocks, says so, exits 130,
