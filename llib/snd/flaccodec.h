@@ -316,7 +316,8 @@ struct LFLACRicePlan {
 
 // Plans the coding of `residual` (`frames` entries of which the first `predictorOrder` are not
 // coded) with partition orders 0 to `maxOrder`, the smallest plan winning. `refine` counts each
-// partition's exact cost at its neighbouring parameters too.
+// partition's exact cost at the next parameter too. `bits` is UINT64_MAX when some value would
+// need a code longer than 32 bits at every parameter (the block is then stored verbatim).
 void LFLACPlanRice(std::int32_t const* residual, int frames, int predictorOrder, int maxOrder,
                    bool refine, LFLACRicePlan& plan);
 

@@ -194,21 +194,22 @@ int LFLACWriteFrameHeader(LFLACFrameHeader const& header, LFLACMetaDataBlockStre
             blockCode = code;
         }
     }
+    // STREAMINFO's rate needs no code; otherwise the table, then the forms written at the end.
     int rateCode = 0;
-    if (header.rateHz != static_cast<int>(info.sampleRateHz)) {
-        rateCode = 13;
-    }
-    for (std::size_t code = 1; code < arFLACRateTable.size(); ++code) {
-        if (arFLACRateTable[code] == header.rateHz) {
-            rateCode = static_cast<int>(code);
+    int const rate = header.rateHz;
+    if (rate != static_cast<int>(info.sampleRateHz)) {
+        for (std::size_t code = 1; code < arFLACRateTable.size(); ++code) {
+            if (arFLACRateTable[code] == rate) {
+                rateCode = static_cast<int>(code);
+            }
         }
-    }
-    if (rateCode == 0 && header.rateHz % 1000 == 0 && header.rateHz / 1000 <= 255) {
-        rateCode = 12;
-    } else if (rateCode == 0 && header.rateHz <= 65535) {
-        rateCode = 13;
-    } else if (rateCode == 0 && header.rateHz % 10 == 0 && header.rateHz / 10 <= 65535) {
-        rateCode = 14;
+        if (rateCode == 0 && rate % 1000 == 0 && rate / 1000 <= 255) {
+            rateCode = 12;
+        } else if (rateCode == 0 && rate <= 65535) {
+            rateCode = 13;
+        } else if (rateCode == 0 && rate % 10 == 0 && rate / 10 <= 65535) {
+            rateCode = 14;
+        }
     }
     int sizeCode = 0;
     for (std::size_t code = 1; code < arFLACBitDepthTable.size(); ++code) {

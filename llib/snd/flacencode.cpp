@@ -138,10 +138,13 @@ LFLACChannelAssignment LFLACChooseSideAssignment(std::int32_t const* interleaved
 bool LFLACQuantizeCoefficients(double const* coefs, int order, std::int32_t* out, int& shift) {
     double largest = 0;
     for (int j = 0; j < order; ++j) {
+        if (!std::isfinite(coefs[j])) {
+            return false;
+        }
         largest = std::max(largest, std::fabs(coefs[j]));
     }
     if (!(largest < 8192.0)) {
-        return false; // also NaN
+        return false;
     }
     shift = 13;
     while (shift > 0 && largest * std::ldexp(1.0, shift) >= 8192.0) {
@@ -287,12 +290,21 @@ void LFLACPlanRice(std::int32_t const* residual, int frames, int predictorOrder,
         LFLACRicePlan trial;
         trial.order = order;
         trial.bits = 0;
-        for (int p = 0; p < partitions; ++p) {
+        for (int p = 0; p < partitions && trial.bits != UINT64_MAX; ++p) {
             int const n = p == 0 ? count - predictorOrder : count;
             int const k = LFLACCalculateRiceParameter(sums[p], largest[p], n);
             trial.parameters[p] = k;
             trial.wide = trial.wide || k > 14;
             trial.bits += EstimatedRiceBits(sums[p], n, k);
+            // A value whose code would pass 32 bits even at the largest parameter: the samples
+            // are better stored as they are (and the frame buffer is sized for no more).
+            if ((largest[p] >> k) + static_cast<std::uint32_t>(k) > 31) {
+                trial.bits = UINT64_MAX;
+            }
+        }
+        if (trial.bits == UINT64_MAX) {
+            plan.bits = UINT64_MAX;
+            return; // coarser orders only merge this partition into larger ones
         }
         trial.bits += static_cast<std::uint64_t>(partitions) * (trial.wide ? 5 : 4);
         if (trial.bits < plan.bits) {
@@ -304,7 +316,7 @@ void LFLACPlanRice(std::int32_t const* residual, int frames, int predictorOrder,
             largest[p] = std::max(largest[2 * p], largest[2 * p + 1]);
         }
     }
-    if (!refine) {
+    if (!refine || plan.bits == UINT64_MAX) {
         return;
     }
     int const count = frames >> plan.order;
@@ -426,6 +438,8 @@ void LFLACFrame::WriteSubFrame(LFLACBitWriter& writer, std::int32_t const* x, in
     std::uint64_t lpcBits = UINT64_MAX;
     if (haveLpc) {
         LFLACPlanRice(residual, frames, kLPCOrder, m_maxPartitionOrder, false, lpcPlan);
+    }
+    if (haveLpc && lpcPlan.bits != UINT64_MAX) {
         std::uint32_t largest = 0;
         for (int j = 0; j < kLPCOrder; ++j) {
             largest = std::max(largest, static_cast<std::uint32_t>(std::abs(coefs[j])));
@@ -443,11 +457,13 @@ void LFLACFrame::WriteSubFrame(LFLACBitWriter& writer, std::int32_t const* x, in
         if (fixedOrder >= 0) {
             LFLACPlanRice(m_fixedResidual.data(), frames, fixedOrder, m_maxPartitionOrder, false,
                           fixedPlan);
+        }
+        if (fixedOrder >= 0 && fixedPlan.bits != UINT64_MAX) {
             fixedBits = static_cast<std::uint64_t>(fixedOrder) * static_cast<std::uint64_t>(bits) +
                         fixedPlan.bits;
         }
     }
-    if (haveLpc || fixedOrder >= 0) {
+    if (lpcBits != UINT64_MAX || fixedBits != UINT64_MAX) {
         if (lpcBits <= fixedBits) {
             if (m_refine) {
                 LFLACPlanRice(residual, frames, kLPCOrder, m_maxPartitionOrder, true, lpcPlan);
