@@ -2,6 +2,7 @@
 #include "cli/cmdaudio.h"
 
 #include "cli/cliprocess.h"
+#include "llib/gen/md5.h"
 #include "llib/gen/stringlong.h"
 #include "llib/snd/filetagdata.h"
 #include "llib/snd/flacfile.h"
@@ -206,11 +207,7 @@ int InfoOne(char const* path) {
         std::printf("  Block size:  %u to %u frames\n",
                     static_cast<unsigned>(flac.streamInfo.minBlockFrames),
                     static_cast<unsigned>(flac.streamInfo.maxBlockFrames));
-        char md5[33] = {};
-        for (std::size_t i = 0; i < flac.streamInfo.md5.size(); ++i) {
-            std::snprintf(md5 + 2 * i, 3, "%02x", flac.streamInfo.md5[i]);
-        }
-        std::printf("  MD5:         %s\n", md5);
+        std::printf("  MD5:         %s\n", LMD5::ToHex(flac.streamInfo.md5).c_str());
     } else {
         std::printf("  Format:      read by the platform decoder\n");
     }

@@ -129,3 +129,13 @@ std::array<unsigned char, 16> LMD5::Finish() {
     }
     return digest;
 }
+
+std::string LMD5::ToHex(std::array<unsigned char, 16> const& digest) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char b : digest) {
+        out += kDigits[b >> 4];
+        out += kDigits[b & 15];
+    }
+    return out;
+}

@@ -19,6 +19,20 @@ namespace llib::detail {
 // eight bytes at a time and never checks the end inside a frame, only after it.
 inline constexpr std::size_t kLFLACReadPadding = 8;
 
+// Tops a bit cache holding `count` bits (fewer than 57) up to 56 or more from the eight bytes at
+// `next`, moving `next` past the whole bytes taken. The word's remaining bits land below the
+// count: the next refill loads the same bits there again.
+inline void LFLACRefillWord(std::uint64_t& cache, int& count, unsigned char const*& next) {
+    std::uint64_t v;
+    std::memcpy(&v, next, 8);
+    if constexpr (std::endian::native == std::endian::little) {
+        v = __builtin_bswap64(v);
+    }
+    cache |= v >> count;
+    next += (63 - count) >> 3;
+    count |= 56;
+}
+
 // Reads a byte range most significant bit first. Reading past the end yields zero bits and is
 // reported by IsOverrun, so a frame decoder checks once at the end rather than at every field.
 class LFLACBitReader {
@@ -110,14 +124,7 @@ private:
             return;
         }
         if (m_next < m_end) {
-            std::uint64_t v;
-            std::memcpy(&v, m_next, 8);
-            if constexpr (std::endian::native == std::endian::little) {
-                v = __builtin_bswap64(v);
-            }
-            m_cache |= v >> m_count;
-            m_next += (63 - m_count) >> 3;
-            m_count |= 56;
+            LFLACRefillWord(m_cache, m_count, m_next);
         } else {
             // Zero bits past the end: account for them as consumed from the padding.
             int const add = (63 - m_count) >> 3;

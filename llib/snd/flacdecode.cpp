@@ -24,14 +24,7 @@ void LFLACBitReader::ReadRice(std::int32_t* out, int count, int k) {
     unsigned char const* next = m_next;
     while (i < count && next < m_end) {
         if (bits < 57) {
-            std::uint64_t v;
-            std::memcpy(&v, next, 8);
-            if constexpr (std::endian::native == std::endian::little) {
-                v = __builtin_bswap64(v);
-            }
-            cache |= v >> bits;
-            next += (63 - bits) >> 3;
-            bits |= 56;
+            LFLACRefillWord(cache, bits, next);
         }
         int decoded = 0;
         while (i < count) {

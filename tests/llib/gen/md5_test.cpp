@@ -13,20 +13,10 @@
 
 namespace {
 
-std::string Hex(std::array<unsigned char, 16> const& digest) {
-    std::string out;
-    for (unsigned char b : digest) {
-        char two[3];
-        std::snprintf(two, sizeof two, "%02x", b);
-        out += two;
-    }
-    return out;
-}
-
 std::string Digest(std::string const& text) {
     LMD5 md5;
     md5.Update(text.data(), text.size());
-    return Hex(md5.Finish());
+    return LMD5::ToHex(md5.Finish());
 }
 
 TEST(MD5, MatchesTheReferenceTestSuite) {
@@ -72,7 +62,7 @@ TEST(MD5, PiecewiseUpdatesEqualOneUpdateAcrossBlockAndPaddingEdges) {
             for (std::size_t at = split; at < length; at += 3) {
                 md5.Update(data.data() + at, std::min<std::size_t>(3, length - at));
             }
-            EXPECT_EQ(Hex(md5.Finish()), whole) << length << " bytes split at " << split;
+            EXPECT_EQ(LMD5::ToHex(md5.Finish()), whole) << length << " bytes split at " << split;
         }
     }
     // Reset starts again: the same object gives the same digest twice.
@@ -81,7 +71,7 @@ TEST(MD5, PiecewiseUpdatesEqualOneUpdateAcrossBlockAndPaddingEdges) {
     (void)md5.Finish();
     md5.Reset();
     md5.Update("abc", 3);
-    EXPECT_EQ(Hex(md5.Finish()), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(LMD5::ToHex(md5.Finish()), "900150983cd24fb0d6963f7d28e17f72");
 }
 
 } // namespace

@@ -67,16 +67,6 @@ std::vector<float> ReadRaw(std::string const& raw, int bits) {
     return out;
 }
 
-std::string Hex(std::array<unsigned char, 16> const& digest) {
-    std::string out;
-    for (unsigned char b : digest) {
-        char two[3];
-        std::snprintf(two, sizeof two, "%02x", b);
-        out += two;
-    }
-    return out;
-}
-
 enum class Signal { kNoise, kSine, kSilence, kSquare, kSame, kOpposite, kExtremes };
 
 // `frames` of `signal` on every channel, reproducibly from `seed`.
@@ -213,8 +203,8 @@ TEST_P(FLACEncode, FlacAcceptsOurFilesAndDecodesThemBitExactly) {
     EXPECT_EQ(info.vendor, "Tessel");
     LMD5 md5;
     md5.Update(want.data(), want.size());
-    std::string const digest = Hex(md5.Finish());
-    EXPECT_EQ(Hex(info.streamInfo.md5), digest);
+    std::string const digest = LMD5::ToHex(md5.Finish());
+    EXPECT_EQ(LMD5::ToHex(info.streamInfo.md5), digest);
     if (!FindTool("metaflac").empty()) {
         std::string shown;
         ASSERT_EQ(RunTool({"metaflac", "--show-md5sum", path}, &shown), 0);

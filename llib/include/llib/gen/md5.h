@@ -8,6 +8,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 class LMD5 {
 public:
@@ -18,6 +19,8 @@ public:
     // The digest of everything given since the last Reset; the object must be Reset before
     // further use.
     [[nodiscard]] std::array<unsigned char, 16> Finish();
+    // The digest as 32 lower-case hexadecimal digits.
+    [[nodiscard]] static std::string ToHex(std::array<unsigned char, 16> const& digest);
 
 private:
     void Transform(unsigned char const* block, std::size_t blocks);
