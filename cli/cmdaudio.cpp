@@ -6,6 +6,7 @@
 #include "llib/gen/stringlong.h"
 #include "llib/snd/filetagdata.h"
 #include "llib/snd/flacfile.h"
+#include "llib/snd/mp3file.h"
 #include "llib/snd/gensource.h"
 #include "llib/snd/prsourcesink.h"
 #include "llib/snd/soundtime.h"
@@ -183,6 +184,59 @@ bool ParseEncoderSetting(std::string const& text, LGenSinkFormat& format, std::s
     return false;
 }
 
+void PrintMp3(LMP3FileInfo const& mp3) {
+    LMP3FrameHeader const& h = mp3.header;
+    std::printf("  Format:      %s layer %s\n", LMP3File::VersionName(h.version),
+                h.layer == 3   ? "III"
+                : h.layer == 2 ? "II"
+                               : "I");
+    char const* mode = "constant bitrate";
+    if (mp3.vbr.kind == LMP3VbrHeader::kXing || mp3.vbr.kind == LMP3VbrHeader::kVbri) {
+        // LAME's methods 3 to 5 and 8 are ABR-like (2 and 8) or VBR (3 to 6).
+        mode = mp3.lame.present && (mp3.lame.vbrMethod == 2 || mp3.lame.vbrMethod == 8)
+                   ? "average bitrate"
+                   : "variable bitrate";
+    }
+    if (h.bitrateKbps == 0) {
+        std::printf("  Bitrate:     free format\n");
+    } else if (mp3.vbr.kind == LMP3VbrHeader::kXing || mp3.vbr.kind == LMP3VbrHeader::kVbri) {
+        std::printf("  Bitrate:     %s\n", mode);
+    } else {
+        std::printf("  Bitrate:     %s, %d kbit/s\n", mode, h.bitrateKbps);
+    }
+    char const* const vbrNames[] = {"", "Xing", "Info", "VBRI"};
+    if (mp3.vbr.kind != LMP3VbrHeader::kNone) {
+        std::printf("  VBR header:  %s, %u frames, %u bytes%s\n", vbrNames[mp3.vbr.kind],
+                    mp3.vbr.frames, mp3.vbr.bytes, mp3.vbr.hasToc ? ", table of contents" : "");
+    }
+    if (mp3.lame.present) {
+        LMP3LameHeader const& l = mp3.lame;
+        std::printf("  Encoder:     %s (VBR method %d, quality %d: digits %d %d)\n", l.encoder,
+                    l.vbrMethod, l.quality, l.qualityDigits[0], l.qualityDigits[1]);
+        std::printf("  LAME tag:    low-pass %d Hz, bitrate %d kbit/s, delay %d, padding %d, "
+                    "preset %d\n",
+                    l.lowpass * 100, l.bitrate, l.encoderDelay, l.encoderPadding, l.preset);
+    }
+    std::printf("  Mode:        %s%s\n",
+                h.mode == LMP3FrameHeader::kStereo        ? "stereo"
+                : h.mode == LMP3FrameHeader::kJointStereo ? "joint stereo"
+                : h.mode == LMP3FrameHeader::kDualChannel ? "dual channel"
+                                                          : "mono",
+                h.crc ? ", CRC protected" : "");
+    if (mp3.lengthEstimated) {
+        std::printf("  Length:      estimated from the bitrate (no frame count)\n");
+    }
+    if (mp3.id3v2Bytes > 0) {
+        std::printf("  ID3v2 tag:   %llu bytes\n", static_cast<unsigned long long>(mp3.id3v2Bytes));
+    }
+    if (mp3.id3v1) {
+        std::printf("  ID3v1 tag:   title \"%s\", artist \"%s\", album \"%s\", year \"%s\", "
+                    "comment \"%s\"\n",
+                    mp3.title.c_str(), mp3.artist.c_str(), mp3.album.c_str(), mp3.year.c_str(),
+                    mp3.comment.c_str());
+    }
+}
+
 int InfoOne(char const* path) {
     LCliProcess process("Reading");
     LSoundSource source;
@@ -195,6 +249,8 @@ int InfoOne(char const* path) {
     LWaveFileInfo wave{};
     bool const isWave = LGenFileExtension(path) == ".wav" && LWaveFileInfoGet(path, wave);
     LFLACFileInfo flac;
+    LMP3FileInfo mp3;
+    bool const isMp3 = LGenFileExtension(path) == ".mp3" && LMP3File::GetInfo(path, mp3);
     if (isWave) {
         std::printf("  Format:      WAV, %s\n", WaveFormatName(wave.formatTag, wave.bits));
         std::printf("  Bits:        %d\n", wave.bits);
@@ -208,6 +264,8 @@ int InfoOne(char const* path) {
                     static_cast<unsigned>(flac.streamInfo.minBlockFrames),
                     static_cast<unsigned>(flac.streamInfo.maxBlockFrames));
         std::printf("  MD5:         %s\n", LMD5::ToHex(flac.streamInfo.md5).c_str());
+    } else if (isMp3) {
+        PrintMp3(mp3);
     } else {
         std::printf("  Format:      read by the platform decoder\n");
     }

@@ -6,6 +6,7 @@
 #include "llib/gen/userdirs.h"
 #include "llib/snd/audiofilelib.h"
 #include "llib/snd/flacfile.h"
+#include "llib/snd/mp3file.h"
 #include "llib/snd/wavefile.h"
 
 #include <cctype>
@@ -93,6 +94,13 @@ LProcessResult ProcessGenSourceOpenSource(LSoundSource& result, char const* path
             }
         } else if (ext == ".flac") {
             result = LFLACFile::OpenSource(path);
+        } else if (ext == ".mp3") {
+            // Our own decoder first; what it refuses (layers I and II, say) the platform
+            // decoder may still read.
+            result = LMP3File::OpenSource(path);
+            if (Failed(result)) {
+                TryPlatformDecoder(result, path);
+            }
         } else {
             TryPlatformDecoder(result, path);
         }

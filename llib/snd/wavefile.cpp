@@ -3,6 +3,8 @@
 // command line and the error messages learn from a header.
 #include "llib/snd/wavefile.h"
 
+#include "llib/snd/mp3file.h"
+
 #include "wavepcm.h"
 
 #include "llib/gen/filestream.h"
@@ -47,13 +49,15 @@ LWaveLayout LayoutOf(LWaveFormatEx const& format) {
     case kLWaveFormatALaw:
     case kLWaveFormatMuLaw:
         return {LSoundSourceErrorCode::kNone, 1};
-    // Compressed formats that a codec elsewhere (the platform decoder) may read. GSM 6.10 and
-    // MPEG layer 3 are among them until this reader decodes them itself.
+    // MPEG layer 3 goes to our MP3 decoder, over the data chunk (MakeSource).
+    case kLWaveFormatMpegLayer3:
+        return {LSoundSourceErrorCode::kNone, 0};
+    // Compressed formats that a codec elsewhere (the platform decoder) may read. GSM 6.10 is
+    // among them until this reader decodes it itself.
     case kLWaveFormatImaAdpcm:
     case 34: // DSP Group TrueSpeech
     case 69:
     case kLWaveFormatGSM610:
-    case kLWaveFormatMpegLayer3:
         return {LSoundSourceErrorCode::kCodecRequired, 0};
     default:
         return {LSoundSourceErrorCode::kUnsupported, 0};
@@ -80,6 +84,15 @@ LSoundSource MakeSource(LFileDescriptor fd, LWaveHeader const& header) {
     case kLWaveFormatMuLaw:
         return LMakeSource<LSRCPCMFile<LSFULAW>>(std::move(fd), rate, channels, kG711Level, start,
                                                  bytes);
+    case kLWaveFormatMpegLayer3: {
+        // The stream decides its rate and channels; a data chunk that disagrees with its own
+        // fmt chunk is still read as the frames say.
+        std::int64_t const size = fd.GetSize();
+        std::uint64_t const end = size < 0 ? start : static_cast<std::uint64_t>(size);
+        std::uint64_t const available = end > start ? end - start : 0;
+        return LMP3File::OpenSourceRange(std::move(fd), start,
+                                         std::min<std::uint64_t>(bytes, available), 0);
+    }
     default:
         break;
     }
