@@ -14,7 +14,7 @@ packages=(
     # the peer the resampler benchmark is measured against
     libsamplerate0-dev
     # oracles the file-format tests compare with and benchmarks time against
-    sox libsox-fmt-all ffmpeg flac
+    sox libsox-fmt-all ffmpeg flac lame mpg123
     # headers of the audio file library loaded at run time (IMA ADPCM WAV writing)
     libsndfile1-dev
     # locale sources, so the settings tests can check a comma-decimal locale
