@@ -11,6 +11,16 @@ namespace llib::detail {
 
 namespace {
 
+// The transforms run as AVX2/FMA or AVX-512 clones where the machine has them; what a clone calls
+// must be inlined into it, or the clone would call baseline code.
+#if defined(__x86_64__) && !defined(TESSEL_NO_CLONES)
+#define TESSEL_MP3_CLONES                                                                          \
+    __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
+#else
+#define TESSEL_MP3_CLONES
+#endif
+#define TESSEL_MP3_INLINE inline __attribute__((always_inline))
+
 // MSB-first reads from a buffer padded with at least 8 readable bytes past its end.
 inline std::uint64_t Window(unsigned char const* data, int bitPos) {
     std::uint64_t v = 0;
@@ -304,11 +314,12 @@ void Requantise(LMP3LookupTables const& t, int rateIndex, bool lsf, LMP3GranuleI
         int const i = std::clamp(base - quarterSteps, 0, 511);
         return t.pow2Quarter[i];
     };
+    // Huffman values are at most 15 + 2^13 - 1, inside the power table.
     auto put = [&](int line, float gain) {
         int const v = values[line];
-        int const a = std::min(v < 0 ? -v : v, 8206);
-        float const m = t.pow43[a] * gain;
-        xr[line] = v < 0 ? -m : m;
+        int const sign = v >> 31;
+        float const m = t.pow43[(v ^ sign) - sign] * gain;
+        xr[line] = sign != 0 ? -m : m;
     };
     std::fill(xr + count, xr + 576, 0.0f);
     std::uint16_t const* longBands = t.sfbLong[rateIndex];
@@ -421,7 +432,7 @@ namespace {
 // odd ones from the scaled differences). `c` holds 1 / (2 cos(pi (2k + 1) / 2N)) for this N
 // followed by the smaller sizes' factors.
 template <int N>
-inline void Dct2(float const* in, float* out, float const* c) {
+TESSEL_MP3_INLINE void Dct2(float const* in, float* out, float const* c) {
     if constexpr (N == 1) {
         out[0] = in[0];
     } else {
@@ -463,14 +474,16 @@ void LMP3PolyphaseSynth::MatrixMultiplyNoOpt(float const* in32, float* v64) {
     }
 }
 
-void LMP3PolyphaseSynth::Synthesise(float const* in, int slots, float* out, int stride) {
-    LMP3LookupTables const& t = GetMp3LookUpTable();
-    float const* const d = t.synthWindow;
+namespace {
+
+TESSEL_MP3_CLONES
+void SynthesiseSlots(float (*ring)[64], int& slot, float const* window, float const* dctCos,
+                     float const* in, int slots, float* out, int stride) {
     for (int s = 0; s < slots; ++s) {
         float x[32];
-        Dct2<32>(in + 32 * s, x, t.dctCos);
-        m_slot = (m_slot - 1) & 15;
-        float* v = m_v[m_slot];
+        Dct2<32>(in + 32 * s, x, dctCos);
+        slot = (slot - 1) & 15;
+        float* v = ring[slot];
         // The matrixed vector from the cosine transform: V[i] = X[16 + i] for i < 16, 0 at 16,
         // -X[48 - i] up to 47, -X[0] at 48 and -X[i - 48] above.
         for (int j = 0; j < 16; ++j) {
@@ -485,9 +498,9 @@ void LMP3PolyphaseSynth::Synthesise(float const* in, int slots, float* out, int 
         }
         float acc[32] = {};
         for (int i = 0; i < 8; ++i) {
-            float const* a = m_v[(m_slot + 2 * i) & 15];
-            float const* b = m_v[(m_slot + 2 * i + 1) & 15] + 32;
-            float const* da = d + 64 * i;
+            float const* a = ring[(slot + 2 * i) & 15];
+            float const* b = ring[(slot + 2 * i + 1) & 15] + 32;
+            float const* da = window + 64 * i;
             float const* db = da + 32;
             for (int j = 0; j < 32; ++j) {
                 acc[j] += a[j] * da[j] + b[j] * db[j];
@@ -498,6 +511,13 @@ void LMP3PolyphaseSynth::Synthesise(float const* in, int slots, float* out, int 
             o[j * stride] = acc[j];
         }
     }
+}
+
+} // namespace
+
+void LMP3PolyphaseSynth::Synthesise(float const* in, int slots, float* out, int stride) {
+    LMP3LookupTables const& t = GetMp3LookUpTable();
+    SynthesiseSlots(m_v, m_slot, t.synthWindow, t.dctCos, in, slots, out, stride);
 }
 
 // ---- The frame decoder ----
@@ -728,26 +748,32 @@ void ReduceAliases(LMP3LookupTables const& t, float* xr, int sbEnd) {
 
 // Long-block IMDCT of subbands [0, count) of `xr` with the window of `blockType` per subband,
 // overlap-added into `out` (time slot-major, 32 subbands per slot).
+TESSEL_MP3_CLONES
 void ImdctLong(LMP3LookupTables const& t, float const* xr, int count, int const* blockTypes,
                float* overlap, float* out) {
-    // The 36-point IMDCT of 18 lines is an 18-point DCT-IV whose outputs are mirrored.
+    // The 36-point IMDCT of 18 lines is an 18-point DCT-IV whose outputs are mirrored. It runs
+    // across subbands, eight at a time, so the inner loops are vector-wide.
     alignas(64) float in[18][32];
     alignas(64) float c[18][32];
-    for (int sb = 0; sb < count; ++sb) {
-        for (int k = 0; k < 18; ++k) {
-            in[k][sb] = xr[18 * sb + k];
+    int const width = std::min(32, (count + 7) & ~7);
+    for (int k = 0; k < 18; ++k) {
+        for (int sb = 0; sb < width; ++sb) {
+            in[k][sb] = sb < count ? xr[18 * sb + k] : 0.0f;
         }
     }
-    for (int m = 0; m < 18; ++m) {
-        float* cm = c[m];
-        for (int sb = 0; sb < 32; ++sb) {
-            cm[sb] = 0.0f;
-        }
-        for (int k = 0; k < 18; ++k) {
-            float const f = t.imdct18[m][k];
-            float const* ik = in[k];
-            for (int sb = 0; sb < 32; ++sb) {
-                cm[sb] += f * ik[sb];
+    // Blocks of eight subbands: a fixed trip count the compiler turns into whole vectors.
+    for (int base = 0; base < width; base += 8) {
+        for (int m = 0; m < 18; ++m) {
+            float* cm = c[m] + base;
+            for (int j = 0; j < 8; ++j) {
+                cm[j] = 0.0f;
+            }
+            for (int k = 0; k < 18; ++k) {
+                float const f = t.imdct18[m][k];
+                float const* ik = in[k] + base;
+                for (int j = 0; j < 8; ++j) {
+                    cm[j] += f * ik[j];
+                }
             }
         }
     }

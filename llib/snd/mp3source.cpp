@@ -331,6 +331,9 @@ public:
     DecodedFrame const* Get(long long n) {
         std::unique_lock<std::mutex> lock(m_mutex);
         if (m_held) {
+            if (m_slots[m_head].number == n) {
+                return &m_slots[m_head]; // a read that ended inside this frame goes on
+            }
             Pop();
         }
         for (;;) {
