@@ -15,6 +15,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -212,6 +214,72 @@ TEST_F(CliAudioTest, InterruptedConvertLeavesTheOldOutputAlone) {
     EXPECT_EQ(WEXITSTATUS(status), 130);
     EXPECT_EQ(ReadFileBytes(out), "old contents");
     EXPECT_EQ(ListNames(), (std::vector<std::string>{"long.wav", "out.wav"}));
+}
+
+// ---- MP3 ----
+
+class CliMp3Test : public CliAudioTest {
+protected:
+    // An MP3 file lame makes of a synthesised tone, with an ID3v1 title.
+    std::string MakeMp3() {
+        std::string const wav = PathOf("x.wav");
+        std::string const mp3 = PathOf("x.mp3");
+        EXPECT_EQ(Cli({"synth", wav, "--seconds", "1.2", "--rate", "44100", "--channels", "2"}), 0);
+        std::string out;
+        EXPECT_EQ(
+            RunTool({"lame", "--quiet", "-b", "160", "--id3v1-only", "--tt", "Take Two", wav, mp3},
+                    &out),
+            0)
+            << out;
+        return mp3;
+    }
+};
+
+TEST_F(CliMp3Test, InfoShowsTheStreamTheLameTagAndTheTitle) {
+    TESSEL_REQUIRE_TOOL("lame");
+    std::string const mp3 = MakeMp3();
+    std::string out;
+    ASSERT_EQ(Cli({"info", mp3}, &out), 0) << out;
+    EXPECT_TRUE(Contains(out, "Format:      MPEG-1 layer III")) << out;
+    EXPECT_TRUE(Contains(out, "Bitrate:     constant bitrate, 160 kbit/s")) << out;
+    EXPECT_TRUE(Contains(out, "VBR header:  Info")) << out;
+    EXPECT_TRUE(Contains(out, "Encoder:     LAME3.100 (VBR method 1")) << out;
+    EXPECT_TRUE(Contains(out, "delay 576")) << out;
+    EXPECT_TRUE(Contains(out, "ID3v1 tag:   title \"Take Two\"")) << out;
+    EXPECT_TRUE(Contains(out, "Channels:    2")) << out;
+    // Gapless: the length of what was encoded.
+    EXPECT_TRUE(Contains(out, "(52920 frames)")) << out;
+}
+
+TEST_F(CliMp3Test, ConvertsToTheAudioMpg123Decodes) {
+    TESSEL_REQUIRE_TOOL("lame");
+    TESSEL_REQUIRE_TOOL("mpg123");
+    std::string const mp3 = MakeMp3();
+    std::string const wav = PathOf("y.wav");
+    std::string out;
+    ASSERT_EQ(Cli({"convert", mp3, wav}, &out), 0) << out;
+    std::string const raw = PathOf("mpg123.raw");
+    ASSERT_EQ(RunTool({"mpg123", "-q", "-e", "f32", "-O", raw, mp3}, &out), 0) << out;
+    std::string const bytes = ReadFileBytes(raw);
+    std::vector<float> want(bytes.size() / sizeof(float));
+    std::memcpy(want.data(), bytes.data(), want.size() * sizeof(float));
+    LSoundSource source = LWaveFile::OpenSource(wav.c_str());
+    ASSERT_TRUE(source->IsOk());
+    EXPECT_EQ(source->GetSampleRate(), 44100);
+    EXPECT_EQ(source->GetChannels(), 2);
+    std::vector<float> const got = ReadAll(source);
+    ASSERT_EQ(got.size(), want.size());
+    // The decoders' full accuracy against each other, plus the 16-bit rounding of the WAV file.
+    double const step = std::ldexp(1.0, -15);
+    double sum = 0.0;
+    double worst = 0.0;
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        double const d = static_cast<double>(got[i]) - want[i];
+        sum += d * d;
+        worst = std::max(worst, std::fabs(d));
+    }
+    EXPECT_LT(std::sqrt(sum / static_cast<double>(got.size())), 2 * step / std::sqrt(12.0));
+    EXPECT_LE(worst, 2 * step + step / 2);
 }
 
 } // namespace
