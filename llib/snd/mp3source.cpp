@@ -31,8 +31,7 @@ constexpr int kDecoderDelay = 529;
 class LMP3ReadFile {
 public:
     LMP3ReadFile(LFileDescriptor fd, std::uint64_t start, std::uint64_t end)
-        : m_fd(std::move(fd)), m_start(start), m_end(end), m_left(end > start ? end - start : 0),
-          m_position(start) {}
+        : m_fd(std::move(fd)), m_start(start), m_end(end), m_left(end > start ? end - start : 0) {}
 
     // Reads up to `bytes` at `offset`, never past the end of the audio; returns the bytes read.
     std::size_t ReadAt(unsigned char* data, std::size_t bytes, std::uint64_t offset) {
@@ -70,7 +69,9 @@ private:
     std::uint64_t m_start;
     std::uint64_t m_end;
     std::uint64_t m_left;
-    std::uint64_t m_position;
+    // Where the descriptor is; unknown at first (a container's reader may have moved it), so the
+    // first read always seeks.
+    std::uint64_t m_position = UINT64_MAX;
 };
 
 // ---- Frame sync ----
