@@ -588,6 +588,12 @@ bool LMP3FrameDecoder::DecodeFrame(unsigned char const* frame, int bytes,
         int bitPos = 0;
         int const granules = header.version == LMP3FrameHeader::kMpeg1 ? 2 : 1;
         int const channels = header.GetChannels();
+        if (channels == 1) {
+            // A stream that turns mono for a while must not bring back the second channel's old
+            // filter state when it turns stereo again: a decode after a seek would not have it.
+            std::memset(m_overlap[1], 0, sizeof m_overlap[1]);
+            m_synth[1].Reset();
+        }
         int const slotSamples = 576 * channels;
         for (int gr = 0; ok && gr < granules; ++gr) {
             ok = DecodeGranule(header, side, gr, m_main, total, bitPos, out + gr * slotSamples);

@@ -124,7 +124,6 @@ private:
     alignas(64) float m_xr[2][576] = {};
     alignas(64) float m_overlap[2][576] = {};
     alignas(64) float m_subband[2][18 * 32] = {};
-    int m_nonzero[2] = {};
     LMP3PolyphaseSynth m_synth[2];
 };
 
