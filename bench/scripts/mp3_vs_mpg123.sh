@@ -29,8 +29,8 @@ synth() { sox -D -R -n -r 44100 -c 2 -b 16 "$@"; }
 chords=()
 for chord in "C3 G4 E4 C5" "A2 E4 C4 A4" "F2 C4 A3 F4" "G2 D4 B3 G4"; do
     read -r bass fifth third octave <<<"$chord"
-    synth "$work/chord$bass.wav" synth 2 pluck "$fifth" pluck "$third" synth 2 pluck "$octave" \
-        mix synth 2 pluck "$bass" mix
+    synth "$work/chord$bass.wav" synth 2 pluck "$fifth" pluck "$third" \
+        synth 2 pluck mix "$octave" synth 2 pluck mix "$bass"
     chords+=("$work/chord$bass.wav")
 done
 sox "${chords[@]}" "$work/chords.wav"
