@@ -13,13 +13,12 @@
 
 #include "llib/snd/flacfile.h"
 #include "llib/snd/wavefile.h"
+#include "bench/support/benchtools.h"
 
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,8 +28,6 @@
 #include <numbers>
 #include <random>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -126,19 +123,9 @@ float Decode(char const* path, std::vector<float>& block) {
     return sum;
 }
 
-// Runs argv with its output to /dev/null; true when it exits with 0.
+// Runs argv quietly; true when it exits with 0.
 bool Run(char const* const* argv) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = 0;
-    int const rc =
-        posix_spawnp(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    int status = 0;
-    return rc == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
+    return LBenchRunQuiet(argv);
 }
 
 void SetCounters(benchmark::State& state, long long bytes) {

@@ -11,12 +11,11 @@
 
 #include "llib/snd/mp3file.h"
 #include "llib/snd/wavefile.h"
+#include "bench/support/benchtools.h"
 
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,8 +27,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -76,20 +73,10 @@ bool WriteSignal(char const* path) {
     return sink->Finish();
 }
 
-// Runs argv with its output to /dev/null; true when it exits with 0.
+// Runs argv quietly; true when it exits with 0.
 bool Run(std::vector<char const*> argv) {
     argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = 0;
-    int const rc = posix_spawnp(&pid, argv[0], &actions, nullptr,
-                                const_cast<char* const*>(argv.data()), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    int status = 0;
-    return rc == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
+    return LBenchRunQuiet(argv.data());
 }
 
 // The temporary folder with the two encodings; empty paths when lame is missing or fails.
