@@ -21,6 +21,18 @@ namespace {
 #endif
 #define TESSEL_MP3_INLINE inline __attribute__((always_inline))
 
+// Eight floats as one value: the compiler maps it onto whatever vector registers the clone has.
+using LMP3Vec8 = float __attribute__((vector_size(32)));
+
+// Passed by reference: a vector by value would change the calling convention between clones.
+TESSEL_MP3_INLINE void LMP3Load8(LMP3Vec8& v, float const* p) {
+    std::memcpy(&v, p, sizeof v);
+}
+
+TESSEL_MP3_INLINE void LMP3Store8(float* p, LMP3Vec8 const& v) {
+    std::memcpy(p, &v, sizeof v);
+}
+
 // MSB-first reads from a buffer padded with at least 8 readable bytes past its end.
 inline std::uint64_t Window(unsigned char const* data, int bitPos) {
     std::uint64_t v = 0;
@@ -205,27 +217,77 @@ bool ReadScalefactorsLsf(unsigned char const* data, int& pos, LMP3GranuleInfo co
     return preflag;
 }
 
-// Decodes one Huffman pair; returns false on a code that is not in the table.
-inline void DecodePair(LMP3LookupTables::Huffman const& h, unsigned char const* data, int& pos,
-                       int& x, int& y) {
-    std::uint64_t w = Window(data, pos);
+// Reads one Huffman code from the top of `w` (which holds at least 57 valid bits), shifting it
+// out and adding its length to `used`.
+TESSEL_MP3_INLINE std::uint32_t DecodeCode(LMP3LookupTables::Huffman const& h, std::uint64_t& w,
+                                           int& used) {
     int bits = h.rootBits;
     std::uint32_t e = h.lut[w >> (64 - bits)];
     while ((e & 0x80000000u) != 0) {
-        pos += bits;
+        used += bits;
         w <<= bits;
         bits = static_cast<int>((e >> 24) & 15);
         e = h.lut[(e & 0xFFFFFFu) + (w >> (64 - bits))];
     }
-    pos += static_cast<int>((e >> 16) & 31);
-    x = static_cast<int>((e >> 8) & 0xFF);
-    y = static_cast<int>(e & 0xFF);
+    int const length = static_cast<int>((e >> 16) & 31);
+    used += length;
+    w <<= length;
+    return e;
 }
 
-// Huffman decoding of one granule and channel into `values`; returns the index past the last
-// decoded line, or -1 when the data runs past `end` or uses a table the standard leaves unused.
-int DecodeHuffman(LMP3LookupTables const& t, unsigned char const* data, int pos, int end,
-                  LMP3GranuleInfo const& g, int* values) {
+// The requantised value of Huffman magnitude `v` with the sign bit on top of `w` (read only
+// when `v` is nonzero; pow43[0] is 0).
+TESSEL_MP3_INLINE float Requantised(LMP3LookupTables const& t, int v, float gain, std::uint64_t& w,
+                                    int& used) {
+    // Branch-free: whether a sign bit follows is as unpredictable as the data.
+    int const nonzero = v != 0 ? 1 : 0;
+    std::uint32_t const sign = static_cast<std::uint32_t>(w >> 63) << 31 & -nonzero;
+    w <<= nonzero;
+    used += nonzero;
+    return std::bit_cast<float>(std::bit_cast<std::uint32_t>(t.pow43[v] * gain) ^ sign);
+}
+
+// Each line's gain, 2^(quarter steps / 4), in bitstream order (short bands window by window).
+void FillGains(LMP3LookupTables const& t, int rateIndex, bool lsf, LMP3GranuleInfo const& g,
+               Scalefactors const& sf, float* gains) {
+    int const shift = g.scalefacScale ? 2 : 1;
+    int const base = g.globalGain - 210 + 400;
+    auto gainOf = [&](int quarterSteps) {
+        int const i = std::clamp(base - quarterSteps, 0, 511);
+        return t.pow2Quarter[i];
+    };
+    std::uint16_t const* longBands = t.sfbLong[rateIndex];
+    std::uint16_t const* shortBands = t.sfbShort[rateIndex];
+    int line = 0;
+    int const longEnd =
+        IsShort(g) ? (g.mixedBlock ? longBands[lsf ? kMixedLongBandsLsf : kMixedLongBandsMpeg1] : 0)
+                   : 576;
+    for (int b = 0; b < 22 && line < longEnd; ++b) {
+        int const pre = g.preflag ? kPretab[b] : 0;
+        int const stop = longBands[b + 1];
+        std::fill(gains + line, gains + stop, gainOf(2 * shift * (sf.longSf[b] + pre)));
+        line = stop;
+    }
+    if (IsShort(g)) {
+        for (int b = g.mixedBlock ? kMixedFirstShort : 0; b < 13 && line < 576; ++b) {
+            int const width = shortBands[b + 1] - shortBands[b];
+            for (int w = 0; w < 3 && line < 576; ++w) {
+                int const stop = std::min(line + width, 576);
+                std::fill(gains + line, gains + stop,
+                          gainOf(8 * g.subblockGain[w] + 2 * shift * sf.shortSf[b][w]));
+                line = stop;
+            }
+        }
+    }
+    std::fill(gains + line, gains + 576, 0.0f);
+}
+
+// Huffman decoding and requantisation of one granule and channel into `xr` (all 576 lines);
+// returns the index past the last nonzero line, or -1 when the data runs past `end` or uses a
+// table the standard leaves unused. Each code with its linbits and signs is read from one 64-bit
+// window: at most 19 + 2 * (13 + 1) bits, inside the 57 a window always holds.
+int DecodeLines(LMP3LookupTables const& t, unsigned char const* data, int pos, int end,
+                LMP3GranuleInfo const& g, float const* gains, float* xr) {
     int const bigEnd = g.bigValues * 2;
     int i = 0;
     for (int region = 0; region < 3; ++region) {
@@ -238,7 +300,7 @@ int DecodeHuffman(LMP3LookupTables const& t, unsigned char const* data, int pos,
         int const n = g.tableSelect[region];
         LMP3LookupTables::Huffman const& h = t.pairs[n];
         if (n == 0) {
-            std::fill(values + i, values + regionEnd, 0);
+            std::fill(xr + i, xr + regionEnd, 0.0f);
             i = regionEnd;
             continue;
         }
@@ -247,23 +309,24 @@ int DecodeHuffman(LMP3LookupTables const& t, unsigned char const* data, int pos,
         }
         int const linbits = h.linbits;
         for (; i < regionEnd; i += 2) {
-            int x = 0;
-            int y = 0;
-            DecodePair(h, data, pos, x, y);
+            std::uint64_t w = Window(data, pos);
+            int used = 0;
+            std::uint32_t const e = DecodeCode(h, w, used);
+            int x = static_cast<int>((e >> 8) & 0xFF);
+            int y = static_cast<int>(e & 0xFF);
             if (linbits != 0 && x == 15) {
-                x += Bits(data, pos, linbits);
+                x += static_cast<int>(w >> (64 - linbits));
+                w <<= linbits;
+                used += linbits;
             }
-            if (x != 0 && Bits(data, pos, 1) != 0) {
-                x = -x;
-            }
+            xr[i] = Requantised(t, x, gains[i], w, used);
             if (linbits != 0 && y == 15) {
-                y += Bits(data, pos, linbits);
+                y += static_cast<int>(w >> (64 - linbits));
+                w <<= linbits;
+                used += linbits;
             }
-            if (y != 0 && Bits(data, pos, 1) != 0) {
-                y = -y;
-            }
-            values[i] = x;
-            values[i + 1] = y;
+            xr[i + 1] = Requantised(t, y, gains[i + 1], w, used);
+            pos += used;
         }
         if (pos > end) {
             return -1;
@@ -272,83 +335,32 @@ int DecodeHuffman(LMP3LookupTables const& t, unsigned char const* data, int pos,
     // The count1 region: quadruples of -1, 0, 1 until the granule's bits run out. A quadruple
     // that would end past them is not part of the data.
     while (i + 4 <= 576 && pos < end) {
-        int start = pos;
+        std::uint64_t w = Window(data, pos);
+        int used = 0;
         int code = 0;
         if (g.count1TableB) {
-            code = 15 - Bits(data, pos, 4);
+            code = 15 - static_cast<int>(w >> 60);
+            w <<= 4;
+            used = 4;
         } else {
-            int x = 0;
-            int y = 0;
-            DecodePair(t.quadA, data, pos, x, y);
-            code = x;
+            code = static_cast<int>((DecodeCode(t.quadA, w, used) >> 8) & 0xFF);
         }
-        int q[4] = {(code >> 3) & 1, (code >> 2) & 1, (code >> 1) & 1, code & 1};
-        for (int& v : q) {
-            if (v != 0 && Bits(data, pos, 1) != 0) {
-                v = -1;
-            }
+        float q[4];
+        for (int k = 0; k < 4; ++k) {
+            q[k] = Requantised(t, (code >> (3 - k)) & 1, gains[i + k], w, used);
         }
-        if (pos > end) {
-            pos = start;
+        if (pos + used > end) {
             break;
         }
-        values[i] = q[0];
-        values[i + 1] = q[1];
-        values[i + 2] = q[2];
-        values[i + 3] = q[3];
+        pos += used;
+        std::memcpy(xr + i, q, sizeof q);
         i += 4;
     }
-    std::fill(values + i, values + 576, 0);
-    while (i > 0 && values[i - 1] == 0) {
+    std::fill(xr + i, xr + 576, 0.0f);
+    while (i > 0 && xr[i - 1] == 0.0f) {
         --i;
     }
     return i;
-}
-
-// Requantises `values` into `xr` in bitstream order (short bands window by window).
-void Requantise(LMP3LookupTables const& t, int rateIndex, bool lsf, LMP3GranuleInfo const& g,
-                Scalefactors const& sf, int const* values, int count, float* xr) {
-    int const shift = g.scalefacScale ? 2 : 1;
-    int const base = g.globalGain - 210 + 400;
-    auto gainOf = [&](int quarterSteps) {
-        int const i = std::clamp(base - quarterSteps, 0, 511);
-        return t.pow2Quarter[i];
-    };
-    // Huffman values are at most 15 + 2^13 - 1, inside the power table.
-    auto put = [&](int line, float gain) {
-        int const v = values[line];
-        int const sign = v >> 31;
-        float const m = t.pow43[(v ^ sign) - sign] * gain;
-        xr[line] = sign != 0 ? -m : m;
-    };
-    std::fill(xr + count, xr + 576, 0.0f);
-    std::uint16_t const* longBands = t.sfbLong[rateIndex];
-    std::uint16_t const* shortBands = t.sfbShort[rateIndex];
-    int line = 0;
-    int longEnd =
-        IsShort(g) ? (g.mixedBlock ? longBands[lsf ? kMixedLongBandsLsf : kMixedLongBandsMpeg1] : 0)
-                   : 576;
-    for (int b = 0; b < 22 && line < count && line < longEnd; ++b) {
-        int const pre = g.preflag ? kPretab[b] : 0;
-        float const gain = gainOf(2 * shift * (sf.longSf[b] + pre));
-        int const stop = std::min<int>(longBands[b + 1], count);
-        for (; line < stop; ++line) {
-            put(line, gain);
-        }
-    }
-    if (!IsShort(g)) {
-        return;
-    }
-    for (int b = g.mixedBlock ? kMixedFirstShort : 0; b < 13 && line < count; ++b) {
-        int const width = shortBands[b + 1] - shortBands[b];
-        for (int w = 0; w < 3 && line < count; ++w) {
-            float const gain = gainOf(8 * g.subblockGain[w] + 2 * shift * sf.shortSf[b][w]);
-            int const stop = std::min(line + width, count);
-            for (; line < stop; ++line) {
-                put(line, gain);
-            }
-        }
-    }
 }
 
 } // namespace
@@ -478,7 +490,7 @@ namespace {
 
 TESSEL_MP3_CLONES
 void SynthesiseSlots(float (*ring)[64], int& slot, float const* window, float const* dctCos,
-                     float const* in, int slots, float* out, int stride) {
+                     float const* in, int slots, float* out) {
     for (int s = 0; s < slots; ++s) {
         float x[32];
         Dct2<32>(in + 32 * s, x, dctCos);
@@ -506,18 +518,15 @@ void SynthesiseSlots(float (*ring)[64], int& slot, float const* window, float co
                 acc[j] += a[j] * da[j] + b[j] * db[j];
             }
         }
-        float* o = out + static_cast<std::ptrdiff_t>(32 * s) * stride;
-        for (int j = 0; j < 32; ++j) {
-            o[j * stride] = acc[j];
-        }
+        std::memcpy(out + 32 * s, acc, sizeof acc);
     }
 }
 
 } // namespace
 
-void LMP3PolyphaseSynth::Synthesise(float const* in, int slots, float* out, int stride) {
+void LMP3PolyphaseSynth::Synthesise(float const* in, int slots, float* out) {
     LMP3LookupTables const& t = GetMp3LookUpTable();
-    SynthesiseSlots(m_v, m_slot, t.synthWindow, t.dctCos, in, slots, out, stride);
+    SynthesiseSlots(m_v, m_slot, t.synthWindow, t.dctCos, in, slots, out);
 }
 
 // ---- The frame decoder ----
@@ -608,7 +617,6 @@ bool LMP3FrameDecoder::DecodeFrame(unsigned char const* frame, int bytes,
 
 struct LMP3FrameDecoder::Channel {
     Scalefactors sf;
-    int values[576 + 4];
     int count = 0;
 };
 
@@ -738,65 +746,82 @@ void ApplyStereo(LMP3LookupTables const& t, LMP3FrameHeader const& header, LMP3G
     counts[0] = counts[1] = 576;
 }
 
-// Alias reduction between long-block subbands [1, sbEnd).
-void ReduceAliases(LMP3LookupTables const& t, float* xr, int sbEnd) {
-    for (int sb = 1; sb < sbEnd; ++sb) {
-        float* lo = xr + 18 * sb - 1;
-        float* hi = xr + 18 * sb;
-        for (int i = 0; i < 8; ++i) {
-            float const a = lo[-i];
-            float const b = hi[i];
-            lo[-i] = a * t.aliasCs[i] - b * t.aliasCa[i];
-            hi[i] = b * t.aliasCs[i] + a * t.aliasCa[i];
+// The long-block path works on a granule transposed to [line in subband][subband], so that every
+// step runs across subbands with whole vectors. `width` (a multiple of 8) bounds the subbands
+// holding anything; the rest of `tx` is not read.
+using Transposed = float[18][32];
+
+TESSEL_MP3_INLINE void Transpose(float const* xr, int width, Transposed& tx) {
+    for (int sb = 0; sb < width; ++sb) {
+        for (int k = 0; k < 18; ++k) {
+            tx[k][sb] = xr[18 * sb + k];
         }
     }
 }
 
-// Long-block IMDCT of subbands [0, count) of `xr` with the window of `blockType` per subband,
-// overlap-added into `out` (time slot-major, 32 subbands per slot).
+// Alias reduction between neighbouring subbands below `width`: line 17 - i of one with line i of
+// the next.
 TESSEL_MP3_CLONES
-void ImdctLong(LMP3LookupTables const& t, float const* xr, int count, int const* blockTypes,
-               float* overlap, float* out) {
-    // The 36-point IMDCT of 18 lines is an 18-point DCT-IV whose outputs are mirrored. It runs
-    // across subbands, eight at a time, so the inner loops are vector-wide.
-    alignas(64) float in[18][32];
-    alignas(64) float c[18][32];
-    int const width = std::min(32, (count + 7) & ~7);
-    for (int k = 0; k < 18; ++k) {
-        for (int sb = 0; sb < width; ++sb) {
-            in[k][sb] = sb < count ? xr[18 * sb + k] : 0.0f;
-        }
-    }
-    // Blocks of eight subbands: a fixed trip count the compiler turns into whole vectors.
-    for (int base = 0; base < width; base += 8) {
-        for (int m = 0; m < 18; ++m) {
-            float* cm = c[m] + base;
+void ReduceAliases(LMP3LookupTables const& t, Transposed& tx, int width) {
+    for (int i = 0; i < 8; ++i) {
+        float const cs = t.aliasCs[i];
+        float const ca = t.aliasCa[i];
+        float* lo = tx[17 - i];
+        float* hi = tx[i];
+        // Subband pairs (sb - 1, sb) for sb from 1; the last block's extra pair reads zeros.
+        for (int base = 0; base < width; base += 8) {
+            float a[8];
+            float b[8];
             for (int j = 0; j < 8; ++j) {
-                cm[j] = 0.0f;
+                a[j] = lo[base + j];
+                b[j] = base + j + 1 < 32 ? hi[base + j + 1] : 0.0f;
             }
-            for (int k = 0; k < 18; ++k) {
-                float const f = t.imdct18[m][k];
-                float const* ik = in[k] + base;
-                for (int j = 0; j < 8; ++j) {
-                    cm[j] += f * ik[j];
+            for (int j = 0; j < 8; ++j) {
+                if (base + j + 1 < width) {
+                    lo[base + j] = a[j] * cs - b[j] * ca;
+                    hi[base + j + 1] = b[j] * cs + a[j] * ca;
                 }
             }
         }
     }
-    for (int sb = 0; sb < count; ++sb) {
-        float const* w = t.longWindow[blockTypes[sb]];
-        float* ov = overlap + 18 * sb;
-        for (int i = 0; i < 9; ++i) {
-            out[32 * i + sb] = c[i + 9][sb] * w[i] + ov[i];
+}
+
+// Long-block IMDCT of the transposed subbands [0, width) with the window of `blockType`,
+// overlap-added into `out` and `overlap` (both time slot-major, 32 subbands per slot). Subbands
+// from `count` up are left to the caller.
+TESSEL_MP3_CLONES
+void ImdctLong(LMP3LookupTables const& t, Transposed const& tx, int count, int width, int blockType,
+               float* overlap, float* out) {
+    // The 36-point IMDCT of 18 lines is an 18-point DCT-IV whose outputs are mirrored.
+    alignas(64) float c[18][32];
+    for (int base = 0; base < width; base += 8) {
+        LMP3Vec8 in[18];
+        for (int k = 0; k < 18; ++k) {
+            LMP3Load8(in[k], tx[k] + base);
         }
-        for (int i = 9; i < 18; ++i) {
-            out[32 * i + sb] = -c[26 - i][sb] * w[i] + ov[i];
+        for (int m = 0; m < 18; ++m) {
+            float const* row = t.imdct18[m];
+            LMP3Vec8 acc = in[0] * row[0];
+            for (int k = 1; k < 18; ++k) {
+                acc += in[k] * row[k];
+            }
+            LMP3Store8(c[m] + base, acc);
         }
-        for (int i = 0; i < 9; ++i) {
-            ov[i] = -c[8 - i][sb] * w[18 + i];
-        }
-        for (int i = 9; i < 18; ++i) {
-            ov[i] = -c[i - 9][sb] * w[18 + i];
+    }
+    float const* w = t.longWindow[blockType];
+    for (int i = 0; i < 18; ++i) {
+        // Time sample i of the first half is output i + 9 of the transform, mirrored and negated
+        // past 9; the second half, kept for the next granule, likewise from outputs 8 down to 0.
+        float const* first = i < 9 ? c[i + 9] : c[26 - i];
+        float const* second = i < 9 ? c[8 - i] : c[i - 9];
+        float const sign = i < 9 ? 1.0f : -1.0f;
+        float const w1 = sign * w[i];
+        float const w2 = -w[18 + i];
+        float* o = out + 32 * i;
+        float* ov = overlap + 32 * i;
+        for (int sb = 0; sb < count; ++sb) {
+            o[sb] = first[sb] * w1 + ov[sb];
+            ov[sb] = second[sb] * w2;
         }
     }
 }
@@ -816,8 +841,8 @@ void ImdctShort(LMP3LookupTables const& t, float const* x, float* overlap, float
         }
     }
     for (int i = 0; i < 18; ++i) {
-        out[32 * i + sb] = z[i] + overlap[i];
-        overlap[i] = z[18 + i];
+        out[32 * i + sb] = z[i] + overlap[32 * i + sb];
+        overlap[32 * i + sb] = z[18 + i];
     }
 }
 
@@ -854,12 +879,13 @@ bool LMP3FrameDecoder::DecodeGranule(LMP3FrameHeader const& header, LMP3SideInfo
         if (pos > end) {
             return false;
         }
-        int const count = DecodeHuffman(t, main, pos, end, g, ch[c].values);
+        alignas(64) float gains[576];
+        FillGains(t, rate, lsf, g, sf, gains);
+        int const count = DecodeLines(t, main, pos, end, g, gains, m_xr[c]);
         if (count < 0) {
             return false;
         }
         ch[c].count = count;
-        Requantise(t, rate, lsf, g, sf, ch[c].values, count, m_xr[c]);
         bitPos = end;
     }
     int counts[2] = {ch[0].count, ch[1].count};
@@ -875,29 +901,26 @@ bool LMP3FrameDecoder::DecodeGranule(LMP3FrameHeader const& header, LMP3SideInfo
         float* sub = m_subband[c];
         float* overlap = m_overlap[c];
         int const count = counts[c];
-        int blockTypes[32];
         int longCount = 0; // subbands transformed with long windows
         int used = 0;      // subbands holding anything
         if (!IsShort(g)) {
             used = std::min(32, (count + 17) / 18 + 1);
-            ReduceAliases(t, xr, used);
             longCount = used;
-            std::fill(blockTypes, blockTypes + 32, g.blockType);
         } else {
             int const longLines =
                 g.mixedBlock ? longBands[lsf ? kMixedLongBandsLsf : kMixedLongBandsMpeg1] : 0;
             longCount = g.mixedBlock ? (longLines + 17) / 18 : 0;
-            if (g.mixedBlock) {
-                ReduceAliases(t, xr, longCount);
-            }
-            std::fill(blockTypes, blockTypes + 32, 0);
             // Short lines are stored band by band and window by window, so their count bounds
             // no frequency: a short granule with anything in it is transformed whole.
             used = count > 0 ? 32 : longCount;
         }
-        // Subbands above `used` carry only the previous granule's overlap.
-        std::fill(sub, sub + 18 * 32, 0.0f);
-        ImdctLong(t, xr, longCount, blockTypes, overlap, sub);
+        if (longCount > 0) {
+            alignas(64) Transposed tx;
+            int const width = (longCount + 7) & ~7;
+            Transpose(xr, width, tx);
+            ReduceAliases(t, tx, longCount);
+            ImdctLong(t, tx, longCount, width, IsShort(g) ? 0 : g.blockType, overlap, sub);
+        }
         if (IsShort(g)) {
             // Regroup short lines from band/window order to subband/window order.
             alignas(64) float regrouped[576] = {};
@@ -915,24 +938,17 @@ bool LMP3FrameDecoder::DecodeGranule(LMP3FrameHeader const& header, LMP3SideInfo
                     }
                 }
             }
-            for (int sb = longCount; sb < 32; ++sb) {
-                if (sb < used) {
-                    ImdctShort(t, regrouped + 18 * sb, overlap + 18 * sb, sub, sb);
-                } else {
-                    float* ov = overlap + 18 * sb;
-                    for (int i = 0; i < 18; ++i) {
-                        sub[32 * i + sb] = ov[i];
-                        ov[i] = 0.0f;
-                    }
-                }
+            for (int sb = longCount; sb < used; ++sb) {
+                ImdctShort(t, regrouped + 18 * sb, overlap, sub, sb);
             }
-        } else {
-            for (int sb = longCount; sb < 32; ++sb) {
-                float* ov = overlap + 18 * sb;
-                for (int i = 0; i < 18; ++i) {
-                    sub[32 * i + sb] = ov[i];
-                    ov[i] = 0.0f;
-                }
+        }
+        // Subbands above `used` carry only the previous granule's overlap.
+        for (int i = 0; i < 18; ++i) {
+            float* o = sub + 32 * i;
+            float* ov = overlap + 32 * i;
+            for (int sb = used; sb < 32; ++sb) {
+                o[sb] = ov[sb];
+                ov[sb] = 0.0f;
             }
         }
         // Frequency inversion: odd subbands, odd time slots.
@@ -941,7 +957,13 @@ bool LMP3FrameDecoder::DecodeGranule(LMP3FrameHeader const& header, LMP3SideInfo
                 sub[32 * i + sb] = -sub[32 * i + sb];
             }
         }
-        m_synth[c].Synthesise(sub, 18, out + c, channels);
+        m_synth[c].Synthesise(sub, 18, channels == 1 ? out : m_pcm[c]);
+    }
+    if (channels == 2) {
+        for (int i = 0; i < 576; ++i) {
+            out[2 * i] = m_pcm[0][i];
+            out[2 * i + 1] = m_pcm[1][i];
+        }
     }
     return true;
 }

@@ -79,9 +79,8 @@ struct LMP3SideInfo {
 class LMP3PolyphaseSynth {
 public:
     void Reset();
-    // Filters `slots` time slots of 32 subband samples each (`in`, slot-major) into `out`,
-    // writing every `stride`-th float.
-    void Synthesise(float const* in, int slots, float* out, int stride);
+    // Filters `slots` time slots of 32 subband samples each (`in`, slot-major) into `out`.
+    void Synthesise(float const* in, int slots, float* out);
     // The direct matrix form the fast path must equal (tests only).
     static void MatrixMultiplyNoOpt(float const* in32, float* v64);
 
@@ -122,8 +121,9 @@ private:
     alignas(64) unsigned char m_main[kReservoirBytes + kLMP3MaxFreeFormatBytes + 64] = {};
     int m_scalefactors[2][39] = {}; // kept between granules for scfsi
     alignas(64) float m_xr[2][576] = {};
-    alignas(64) float m_overlap[2][576] = {};
+    alignas(64) float m_overlap[2][18 * 32] = {}; // time slot-major, like m_subband
     alignas(64) float m_subband[2][18 * 32] = {};
+    alignas(64) float m_pcm[2][576] = {}; // one granule per channel, before interleaving
     LMP3PolyphaseSynth m_synth[2];
 };
 

@@ -357,18 +357,25 @@ public:
                 m_restart = n;
                 m_wake.notify_all();
             }
+            m_consumerWaiting = true;
             m_ready.wait(lock);
+            m_consumerWaiting = false;
         }
     }
 
 private:
-    static constexpr int kSlots = 6;
+    // The thread fills the ring, sleeps until half of it is read, then fills it again: a
+    // hand-over per frame would cost more in thread switches than the frame costs to decode.
+    // Waits end on the same rule from the reader's side.
+    static constexpr int kSlots = 16;
 
     void Pop() {
         m_head = (m_head + 1) % kSlots;
         --m_count;
         m_held = false;
-        m_wake.notify_all();
+        if (m_producerWaiting && m_count <= kSlots / 2) {
+            m_wake.notify_all();
+        }
     }
     void Run() {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -390,7 +397,9 @@ private:
                 continue;
             }
             if (m_ended || m_count == kSlots) {
+                m_producerWaiting = true;
                 m_wake.wait(lock);
+                m_producerWaiting = false;
                 continue;
             }
             int const slot = (m_head + m_count) % kSlots;
@@ -406,7 +415,10 @@ private:
                 ++m_count;
                 ++m_nextNumber;
             }
-            m_ready.notify_all();
+            // A reader that ran dry sleeps until half the ring is full again, for the same reason.
+            if (m_consumerWaiting && (m_ended || m_count >= kSlots / 2)) {
+                m_ready.notify_all();
+            }
         }
     }
 
@@ -424,6 +436,8 @@ private:
     long long m_restart = -1;
     bool m_ended = false;
     bool m_quit = false;
+    bool m_consumerWaiting = false;
+    bool m_producerWaiting = false;
 };
 
 // ---- Opening ----

@@ -481,8 +481,8 @@ TEST(MP3PolyphaseSynth, FastFilterBankEqualsTheDirectForm) {
     LMP3PolyphaseSynth synth;
     synth.Reset();
     std::vector<float> out(32 * slots);
-    synth.Synthesise(in.data(), slots / 2, out.data(), 1);
-    synth.Synthesise(in.data() + 32 * slots / 2, slots / 2, out.data() + 32 * slots / 2, 1);
+    synth.Synthesise(in.data(), slots / 2, out.data());
+    synth.Synthesise(in.data() + 32 * slots / 2, slots / 2, out.data() + 32 * slots / 2);
     // The textbook form: a 1024-sample shift register of matrixed vectors, windowed and summed.
     std::vector<double> v(1024, 0.0);
     for (int s = 0; s < slots; ++s) {
