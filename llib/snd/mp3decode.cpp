@@ -21,15 +21,14 @@ namespace {
 #endif
 #define TESSEL_MP3_INLINE inline __attribute__((always_inline))
 
-// Eight floats as one value: the compiler maps it onto whatever vector registers the clone has.
-using LMP3Vec8 = float __attribute__((vector_size(32)));
+// Four floats as one value, the width every x86-64 machine has in registers.
+using LMP3Vec4 = float __attribute__((vector_size(16)));
 
-// Passed by reference: a vector by value would change the calling convention between clones.
-TESSEL_MP3_INLINE void LMP3Load8(LMP3Vec8& v, float const* p) {
+TESSEL_MP3_INLINE void LMP3Load4(LMP3Vec4& v, float const* p) {
     std::memcpy(&v, p, sizeof v);
 }
 
-TESSEL_MP3_INLINE void LMP3Store8(float* p, LMP3Vec8 const& v) {
+TESSEL_MP3_INLINE void LMP3Store4(float* p, LMP3Vec4 const& v) {
     std::memcpy(p, &v, sizeof v);
 }
 
@@ -794,18 +793,27 @@ void ImdctLong(LMP3LookupTables const& t, Transposed const& tx, int count, int w
                float* overlap, float* out) {
     // The 36-point IMDCT of 18 lines is an 18-point DCT-IV whose outputs are mirrored.
     alignas(64) float c[18][32];
+    // Four subbands per vector: wider types would be emulated through memory where registers
+    // are narrower, and the transform is a small part of the decoding once it runs in vectors.
     for (int base = 0; base < width; base += 8) {
-        LMP3Vec8 in[18];
-        for (int k = 0; k < 18; ++k) {
-            LMP3Load8(in[k], tx[k] + base);
-        }
         for (int m = 0; m < 18; ++m) {
             float const* row = t.imdct18[m];
-            LMP3Vec8 acc = in[0] * row[0];
+            LMP3Vec4 lo;
+            LMP3Vec4 hi;
+            LMP3Load4(lo, tx[0] + base);
+            LMP3Load4(hi, tx[0] + base + 4);
+            lo *= row[0];
+            hi *= row[0];
             for (int k = 1; k < 18; ++k) {
-                acc += in[k] * row[k];
+                LMP3Vec4 a;
+                LMP3Vec4 b;
+                LMP3Load4(a, tx[k] + base);
+                LMP3Load4(b, tx[k] + base + 4);
+                lo += a * row[k];
+                hi += b * row[k];
             }
-            LMP3Store8(c[m] + base, acc);
+            LMP3Store4(c[m] + base, lo);
+            LMP3Store4(c[m] + base + 4, hi);
         }
     }
     float const* w = t.longWindow[blockType];
