@@ -911,13 +911,16 @@ bool LMP3FrameDecoder::DecodeGranule(LMP3FrameHeader const& header, LMP3SideInfo
         int const count = counts[c];
         int longCount = 0; // subbands transformed with long windows
         int used = 0;      // subbands holding anything
+        int longLines = 0; // lines coded in long scale factor bands
         if (!IsShort(g)) {
             used = std::min(32, (count + 17) / 18 + 1);
             longCount = used;
         } else {
-            int const longLines =
+            // A mixed block transforms its two lowest subbands with long windows whatever the
+            // rate; its long scale factor bands reach further at 8 kHz (72 lines).
+            longLines =
                 g.mixedBlock ? longBands[lsf ? kMixedLongBandsLsf : kMixedLongBandsMpeg1] : 0;
-            longCount = g.mixedBlock ? (longLines + 17) / 18 : 0;
+            longCount = g.mixedBlock ? 2 : 0;
             // Short lines are stored band by band and window by window, so their count bounds
             // no frequency: a short granule with anything in it is transformed whole.
             used = count > 0 ? 32 : longCount;
@@ -930,9 +933,15 @@ bool LMP3FrameDecoder::DecodeGranule(LMP3FrameHeader const& header, LMP3SideInfo
             ImdctLong(t, tx, longCount, width, IsShort(g) ? 0 : g.blockType, overlap, sub);
         }
         if (IsShort(g)) {
-            // Regroup short lines from band/window order to subband/window order.
+            // Regroup short lines from band/window order to subband/window order. Lines of long
+            // bands above the long subbands are not reordered: they lie in subband order with
+            // the three windows interleaved.
             alignas(64) float regrouped[576] = {};
-            int line = longCount * 18;
+            for (int f = longCount * 18; f < longLines; ++f) {
+                int const p = f % 18;
+                regrouped[f - p + 6 * (p % 3) + p / 3] = xr[f];
+            }
+            int line = longLines;
             for (int b = g.mixedBlock ? kMixedFirstShort : 0; b < 13; ++b) {
                 int const width = shortBands[b + 1] - shortBands[b];
                 for (int w = 0; w < 3; ++w) {
