@@ -258,11 +258,7 @@ TEST_F(CliMp3Test, ConvertsToTheAudioMpg123Decodes) {
     std::string const wav = PathOf("y.wav");
     std::string out;
     ASSERT_EQ(Cli({"convert", mp3, wav}, &out), 0) << out;
-    std::string const raw = PathOf("mpg123.raw");
-    ASSERT_EQ(RunTool({"mpg123", "-q", "-e", "f32", "-O", raw, mp3}, &out), 0) << out;
-    std::string const bytes = ReadFileBytes(raw);
-    std::vector<float> want(bytes.size() / sizeof(float));
-    std::memcpy(want.data(), bytes.data(), want.size() * sizeof(float));
+    std::vector<float> const want = DecodeWithMpg123(mp3, PathOf("mpg123.raw"));
     LSoundSource source = LWaveFile::OpenSource(wav.c_str());
     ASSERT_TRUE(source->IsOk());
     EXPECT_EQ(source->GetSampleRate(), 44100);
@@ -271,15 +267,9 @@ TEST_F(CliMp3Test, ConvertsToTheAudioMpg123Decodes) {
     ASSERT_EQ(got.size(), want.size());
     // The decoders' full accuracy against each other, plus the 16-bit rounding of the WAV file.
     double const step = std::ldexp(1.0, -15);
-    double sum = 0.0;
-    double worst = 0.0;
-    for (std::size_t i = 0; i < got.size(); ++i) {
-        double const d = static_cast<double>(got[i]) - want[i];
-        sum += d * d;
-        worst = std::max(worst, std::fabs(d));
-    }
-    EXPECT_LT(std::sqrt(sum / static_cast<double>(got.size())), 2 * step / std::sqrt(12.0));
-    EXPECT_LE(worst, 2 * step + step / 2);
+    SampleDifference const d = CompareSamples(got.data(), want.data(), got.size());
+    EXPECT_LT(d.rms, 2 * step / std::sqrt(12.0));
+    EXPECT_LE(d.max, 2 * step + step / 2);
 }
 
 } // namespace

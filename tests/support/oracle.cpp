@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "tests/support/oracle.h"
 
+#include "tests/support/tempdir.h"
+
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -73,4 +78,28 @@ int RunTool(std::vector<std::string> const& argv, std::string* output) {
         return -1;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+SampleDifference CompareSamples(float const* a, float const* b, std::size_t n) {
+    SampleDifference d;
+    for (std::size_t i = 0; i < n; ++i) {
+        double const e = static_cast<double>(a[i]) - b[i];
+        d.rms += e * e;
+        d.max = std::max(d.max, std::fabs(e));
+    }
+    d.rms = n > 0 ? std::sqrt(d.rms / static_cast<double>(n)) : 0.0;
+    return d;
+}
+
+std::vector<float> DecodeWithMpg123(std::string const& path, std::string const& rawPath) {
+    std::string output;
+    int const status = RunTool({"mpg123", "-q", "-e", "f32", "-O", rawPath, path}, &output);
+    EXPECT_EQ(status, 0) << output;
+    if (status != 0) {
+        return {};
+    }
+    std::string const bytes = ReadFileBytes(rawPath);
+    std::vector<float> samples(bytes.size() / sizeof(float));
+    std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
+    return samples;
 }

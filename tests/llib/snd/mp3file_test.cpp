@@ -56,26 +56,10 @@ std::vector<float> Make(Signal signal, int rate, unsigned channels, long long fr
     return s;
 }
 
-struct Stats {
-    double rms = 0;
-    double max = 0;
-};
-
-Stats Compare(std::vector<float> const& a, std::vector<float> const& b, std::size_t n) {
-    Stats s;
-    for (std::size_t i = 0; i < n; ++i) {
-        double const d = static_cast<double>(a[i]) - b[i];
-        s.rms += d * d;
-        s.max = std::max(s.max, std::fabs(d));
-    }
-    s.rms = n > 0 ? std::sqrt(s.rms / static_cast<double>(n)) : 0.0;
-    return s;
-}
-
 void ExpectFullAccuracy(std::vector<float> const& got, std::vector<float> const& want,
                         std::size_t n, std::string const& what) {
     ASSERT_LE(n, std::min(got.size(), want.size())) << what;
-    Stats const s = Compare(got, want, n);
+    SampleDifference const s = CompareSamples(got.data(), want.data(), n);
     EXPECT_LT(s.rms, kMaxRms) << what;
     EXPECT_LE(s.max, kMaxError) << what;
 }
@@ -135,13 +119,7 @@ protected:
     }
     // mpg123's decoding as interleaved floats.
     std::vector<float> Mpg123(std::string const& path) {
-        std::string const raw = PathOf("mpg123.raw");
-        std::string output;
-        EXPECT_EQ(RunTool({"mpg123", "-q", "-e", "f32", "-O", raw, path}, &output), 0) << output;
-        std::string const bytes = ReadFileBytes(raw);
-        std::vector<float> out(bytes.size() / sizeof(float));
-        std::memcpy(out.data(), bytes.data(), out.size() * sizeof(float));
-        return out;
+        return DecodeWithMpg123(path, PathOf("mpg123.raw"));
     }
 };
 
