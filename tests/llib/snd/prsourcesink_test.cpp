@@ -9,92 +9,99 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <unistd.h>
+#include <optional>
 #include <vector>
 
 namespace {
 
-struct Copy {
-    LSoundSource source;
-    LSoundSink sink;
-    LTestStaircaseSource* stairs = nullptr;
-    LTestCapturingSink* capture = nullptr;
+using Writes = std::vector<long long>;
+constexpr long long kPass = 10 * 8192;
+// The limiter in front of the sink reads its input in blocks of its own.
+constexpr int kReadsIn11Passes = static_cast<int>(11 * kPass / LSRCPeakLimit::kInputFrames);
+
+constexpr auto kDone = LProcessResult::kCompleted;
+constexpr auto kStopped = LProcessResult::kStopped;
+constexpr auto kFailed = LProcessResult::kFailed;
+
+// A mono staircase copied at 44.1 kHz, and what goes wrong or changes on the way.
+struct CopyCase {
+    char const* what;
+    long long frames;
+    int failOnWrite;    // the sink's failing Write (1-based), 0: none
+    int stopAfterPolls; // the first IsToStop poll that answers yes, -1: none
+    int growEvery;      // the source's end moves once, by growFrames, after this many reads
+    long long growFrames;
+    LProcessResult result;
+    long long written;
+    std::optional<Writes> writes; // the sink's Write sizes, where they matter
+    long long read;               // frames read from the source, -1: not checked
+    std::size_t progressReports;  // one at the start, then one per finished pass
 };
 
-Copy MakeCopy(long long frames, unsigned char channels = 2, int failOnWrite = 0) {
-    Copy c;
-    c.source = LMakeSource<LTestStaircaseSource>(44100, channels, frames);
-    c.sink = LMakeSink<LTestCapturingSink>(44100, channels, failOnWrite);
-    c.stairs = c.source.GetAs<LTestStaircaseSource>();
-    c.capture = c.sink.GetAs<LTestCapturingSink>();
-    return c;
-}
-
-// Staircase values past 32767/32768 would be limited; scale them into range for exact checks.
-class ScaledStaircase final : public LSoundSourceBase {
-public:
-    ScaledStaircase(unsigned char channels, long long frames)
-        : LSoundSourceBase(44100, channels), m_end(frames) {}
-    void Read(float* buffer, long long frames) override {
-        for (long long f = 0; f < frames; ++f) {
-            for (unsigned c = 0; c < GetChannels(); ++c) {
-                long long const frame = m_position + f;
-                buffer[f * GetChannels() + c] =
-                    frame < m_end ? static_cast<float>(frame % 1000) / 2048.0f : 0.0f;
-            }
+TEST(SourceToSink, CopiesUntilTheEndAStopOrAFailure) {
+    for (CopyCase const& c :
+         {CopyCase{"empty", 0, 0, -1, 0, 0, kDone, 0, Writes{}, 0, 1},
+          CopyCase{"a block and a frame in one pass", 8193, 0, -1, 0, 0, kDone, 8193,
+                   Writes{8192, 1}, 8193, 2},
+          CopyCase{"sink failing on its first write", 50000, 1, -1, 0, 0, kFailed, 0, Writes{8192},
+                   -1, 1},
+          // Polls 0 and 1 come at the start, then one after each block read and each written.
+          CopyCase{"stop before anything", 50000, 0, 0, 0, 0, kStopped, 0, Writes{}, 0, 1},
+          CopyCase{"stop while reading", 500000, 0, 4, 0, 0, kStopped, 0, Writes{}, -1, 1},
+          CopyCase{"stop while writing: the written block stays", 500000, 0, 2 + 10, 0, 0, kStopped,
+                   8192, Writes{8192}, -1, 1},
+          CopyCase{"growing source", 100000, 0, -1, 1, 1000, kDone, 101000, std::nullopt, -1, 3},
+          // Ten agreeing passes make the copy trust the end; then the end moves once more.
+          CopyCase{"end moving after it was trusted", 12 * kPass, 0, -1, kReadsIn11Passes, 5000,
+                   kDone, 12 * kPass + 5000, std::nullopt, -1, 14}}) {
+        SCOPED_TRACE(c.what);
+        LSoundSource source = LMakeSource<LTestStaircaseSource>(44100, 1, c.frames);
+        auto* stairs = source.GetAs<LTestStaircaseSource>();
+        stairs->GrowAfterReads(c.growEvery, c.growFrames, 1);
+        LSoundSink sink = LMakeSink<LTestCapturingSink>(44100, 1, c.failOnWrite);
+        LPRSourceToSink data("Saving", source, sink, false);
+        LTestProcess process(c.stopAfterPolls);
+        EXPECT_EQ(Process(process, data), c.result);
+        EXPECT_EQ(sink->GetFramesWritten(), c.written);
+        if (c.writes) {
+            EXPECT_EQ(sink.GetAs<LTestCapturingSink>()->GetWrites(), *c.writes);
         }
-        m_position += frames;
+        if (c.read >= 0) {
+            EXPECT_EQ(stairs->GetFramesRead(), c.read) << "read beyond the source's end";
+        }
+        EXPECT_EQ(process.progress.size(), c.progressReports);
+        ASSERT_GE(process.statuses.size(), 2u);
+        EXPECT_EQ(process.statuses[0], (std::pair<int, std::string>{0, "Saving"}));
+        EXPECT_EQ(process.statuses[1], (std::pair<int, std::string>{1, "Please wait..."}));
     }
-    long long GetPositionSample() const override { return m_position; }
-    long long GetEndSample() const override { return m_end; }
-
-private:
-    long long m_position = 0;
-    long long m_end;
-};
-
-} // namespace
-
-TEST(SourceToSink, EmptySourceCompletesWithoutReadingOrWriting) {
-    Copy c = MakeCopy(0);
-    LPRSourceToSink data("Saving", c.source, c.sink, false);
-    LTestProcess process;
-    EXPECT_EQ(Process(process, data), LProcessResult::kCompleted);
-    EXPECT_EQ(process.progress, std::vector<double>{0.0});
-    EXPECT_TRUE(c.stairs->GetReads().empty());
-    EXPECT_TRUE(c.capture->GetWrites().empty());
-    ASSERT_GE(process.statuses.size(), 2u);
-    EXPECT_EQ(process.statuses[0], (std::pair<int, std::string>{0, "Saving"}));
-    EXPECT_EQ(process.statuses[1], (std::pair<int, std::string>{1, "Please wait..."}));
 }
 
-TEST(SourceToSink, OneBlockAndOneFrameGoInTheSamePass) {
-    Copy c = MakeCopy(8193, 1);
-    LPRSourceToSink data("Copy", c.source, c.sink, false);
-    LTestProcess process;
-    EXPECT_EQ(Process(process, data), LProcessResult::kCompleted);
-    EXPECT_EQ(c.capture->GetWrites(), (std::vector<long long>{8192, 1}));
-    // One pass: the progress set at the start and once after the pass.
-    EXPECT_EQ(process.progress.size(), 2u);
-    // The source was read exactly to its end, never beyond.
-    EXPECT_EQ(c.stairs->GetFramesRead(), 8193);
+TEST(SourceToSink, SourceInErrorOrFailedSinkFailsWithoutCopying) {
+    for (bool const sourceInError : {true, false}) {
+        LSoundSource source = LMakeSource<LTestStaircaseSource>(44100, 1, 10);
+        LSoundSink sink = LMakeSink<LTestCapturingSink>(44100, 1);
+        if (sourceInError) {
+            source.GetAs<LTestStaircaseSource>()->SetTestError(LSoundSourceErrorCode::kCannotOpen);
+        } else {
+            sink = LSoundSink(); // the failed placeholder
+        }
+        LPRSourceToSink data("Copy", source, sink, false);
+        LTestProcess process;
+        EXPECT_EQ(Process(process, data), kFailed) << sourceInError;
+        EXPECT_EQ(source.GetAs<LTestStaircaseSource>()->GetFramesRead(), 0) << sourceInError;
+        EXPECT_EQ(sink->GetFramesWritten(), 0) << sourceInError;
+    }
 }
 
 TEST(SourceToSink, CopiesEveryFrameInOrderAcrossPasses) {
-    long long const frames = 10 * 8192 * 2 + 777; // three passes
-    LSoundSource source = LMakeSource<ScaledStaircase>(2, frames);
+    // Below the limiter's threshold, so every sample must arrive unchanged.
+    std::vector<float> const noise = MakeNoise(2, 2 * kPass + 777, 0.5, 3);
+    LSoundSource source = MakeBufferSource(44100, 2, noise);
     LSoundSink sink = LMakeSink<LTestCapturingSink>(44100, 2);
     LPRSourceToSink data("Copy", source, sink, false);
     LTestProcess process;
     ASSERT_EQ(Process(process, data), LProcessResult::kCompleted);
-    auto const& got = sink.GetAs<LTestCapturingSink>()->GetSamples();
-    ASSERT_EQ(static_cast<long long>(got.size()), frames * 2);
-    for (long long f = 0; f < frames; ++f) {
-        float const expected = static_cast<float>(f % 1000) / 2048.0f;
-        ASSERT_EQ(got[static_cast<std::size_t>(2 * f)], expected) << f;
-        ASSERT_EQ(got[static_cast<std::size_t>(2 * f + 1)], expected) << f;
-    }
-    // Progress rises once per pass and stays below 1.
+    EXPECT_TRUE(sink.GetAs<LTestCapturingSink>()->GetSamples() == noise);
     ASSERT_EQ(process.progress.size(), 4u);
     for (std::size_t i = 1; i < process.progress.size(); ++i) {
         EXPECT_GE(process.progress[i], process.progress[i - 1]);
@@ -102,87 +109,8 @@ TEST(SourceToSink, CopiesEveryFrameInOrderAcrossPasses) {
     }
 }
 
-TEST(SourceToSink, GrowingSourceIsCopiedToItsNewEnd) {
-    Copy c = MakeCopy(100000, 1);
-    // The end moves by 1000 frames after the first pass's ten reads... the limiter reads in its
-    // own blocks, so grow after the first read of any size and let the copy find out.
-    c.stairs->GrowAfterReads(1, 1000, 1);
-    c.stairs->SetStreaming(true);
-    LPRSourceToSink data("Recording", c.source, c.sink, false);
-    LTestProcess process;
-    EXPECT_EQ(Process(process, data), LProcessResult::kCompleted);
-    EXPECT_EQ(c.sink->GetFramesWritten(), 101000);
-}
-
-TEST(SourceToSink, EndThatMovesAfterItWasTrustedIsStillFollowed) {
-    // Enough passes for the copy to trust the end, then the end moves once more.
-    long long const frames = 12 * 10 * 8192;
-    Copy c = MakeCopy(frames, 1);
-    int const readsBeforeGrowth = static_cast<int>(11 * 10 * 8192 / LSRCPeakLimit::kInputFrames);
-    c.stairs->GrowAfterReads(readsBeforeGrowth, 5000, 1);
-    LPRSourceToSink data("Copy", c.source, c.sink, false);
-    LTestProcess process;
-    EXPECT_EQ(Process(process, data), LProcessResult::kCompleted);
-    EXPECT_EQ(c.sink->GetFramesWritten(), frames + 5000);
-}
-
-TEST(SourceToSink, FailingSinkStopsTheCopyAfterItsFirstWrite) {
-    Copy c = MakeCopy(50000, 2, 1);
-    LPRSourceToSink data("Copy", c.source, c.sink, false);
-    LTestProcess process;
-    EXPECT_EQ(Process(process, data), LProcessResult::kFailed);
-    EXPECT_EQ(c.capture->GetWrites().size(), 1u);
-}
-
-TEST(SourceToSink, StopRequestsAreHonouredBetweenBlocks) {
-    {
-        Copy c = MakeCopy(50000);
-        LPRSourceToSink data("Copy", c.source, c.sink, false);
-        LTestProcess process(0); // asked to stop before anything happens
-        EXPECT_EQ(Process(process, data), LProcessResult::kStopped);
-        EXPECT_TRUE(c.capture->GetWrites().empty());
-        EXPECT_TRUE(c.stairs->GetReads().empty());
-    }
-    {
-        // Stop during the first pass's reads: nothing is written yet.
-        Copy c = MakeCopy(500000);
-        LPRSourceToSink data("Copy", c.source, c.sink, false);
-        LTestProcess process(4);
-        EXPECT_EQ(Process(process, data), LProcessResult::kStopped);
-        EXPECT_TRUE(c.capture->GetWrites().empty());
-    }
-    {
-        // Stop during the write phase: the block written before it stays written.
-        Copy c = MakeCopy(500000);
-        LPRSourceToSink data("Copy", c.source, c.sink, false);
-        LTestProcess process(2 + 10); // polls 0 and 1 at the start, ten reads, then a write
-        EXPECT_EQ(Process(process, data), LProcessResult::kStopped);
-        EXPECT_EQ(c.capture->GetWrites(), std::vector<long long>{8192});
-    }
-}
-
-TEST(SourceToSink, SourceInErrorOrFailedSinkFailsAtOnce) {
-    {
-        LSoundSource source = LMakeErrorSource(LSoundSourceErrorCode::kCannotOpen);
-        LSoundSink sink = LMakeSink<LTestCapturingSink>(44100, 1);
-        LPRSourceToSink data("Copy", source, sink, false);
-        LTestProcess process;
-        EXPECT_EQ(Process(process, data), LProcessResult::kFailed);
-        EXPECT_TRUE(sink.GetAs<LTestCapturingSink>()->GetWrites().empty());
-    }
-    {
-        LSoundSource source = LMakeSource<LTestStaircaseSource>(44100, 1, 10);
-        LSoundSink sink; // the failed placeholder
-        LPRSourceToSink data("Copy", source, sink, false);
-        LTestProcess process;
-        EXPECT_EQ(Process(process, data), LProcessResult::kFailed);
-        EXPECT_TRUE(source.GetAs<LTestStaircaseSource>()->GetReads().empty());
-    }
-}
-
 TEST(SourceToSink, ConvertsToTheSinksRateAndChannelsAndLimitsPeaks) {
-    std::vector<float> loud = MakeSine(48000, 1, 1000.0, 3.0, 48000);
-    LSoundSource source = MakeBufferSource(48000, 1, loud);
+    LSoundSource source = MakeBufferSource(48000, 1, MakeSine(48000, 1, 1000.0, 3.0, 48000));
     LSoundSink sink = LMakeSink<LTestCapturingSink>(44100, 2);
     LPRSourceToSink data("Copy", source, sink, false);
     LTestProcess process;
@@ -199,10 +127,9 @@ TEST(SourceToSink, ConvertsToTheSinksRateAndChannelsAndLimitsPeaks) {
 TEST(SourceToSink, CrossMixFadesFromTheOtherSource) {
     // The input is silence and the other source a constant: the join fades the constant out.
     LSoundSource silence = MakeBufferSource(1000, 1, std::vector<float>(1000, 0.0f));
-    LSoundSource other = MakeBufferSource(1000, 1, std::vector<float>(1000, 0.5f));
     LSoundSink sink = LMakeSink<LTestCapturingSink>(1000, 1);
     LPRSourceToSink data("Copy", silence, sink, true);
-    data.crossMixSource = other;
+    data.crossMixSource = MakeBufferSource(1000, 1, std::vector<float>(1000, 0.5f));
     LTestProcess process;
     ASSERT_EQ(Process(process, data), LProcessResult::kCompleted);
     auto const& got = sink.GetAs<LTestCapturingSink>()->GetSamples();
@@ -215,36 +142,15 @@ TEST(SourceToSink, CrossMixFadesFromTheOtherSource) {
     EXPECT_EQ(got[999], 0.0f);
 }
 
-namespace {
-
-struct SlowData {
-    long long passes = 0;
-};
-
-LProcessResult Process(LProcessInterface& process, SlowData& data) {
-    while (!process.IsToStop()) {
-        ++data.passes;
-        process.ProcessWait(1);
-    }
-    return LProcessResult::kStopped;
+// The copy is what LProcessThread runs for saves; the thread itself is tested with the process.
+TEST(SourceToSink, RunsOnAProcessThread) {
+    LSoundSource source = LMakeSource<LTestStaircaseSource>(44100, 2, 100000);
+    LSoundSink sink = LMakeSink<LTestCapturingSink>(44100, 2);
+    LPRSourceToSink data("Copy", source, sink, false);
+    LProcessThread<LPRSourceToSink> thread;
+    ASSERT_TRUE(thread.Start(data));
+    EXPECT_EQ(thread.Wait(), LProcessResult::kCompleted);
+    EXPECT_EQ(sink->GetFramesWritten(), 100000);
 }
 
 } // namespace
-
-TEST(SourceToSink, RunsOnAProcessThreadAndSignalsTheEnd) {
-    Copy c = MakeCopy(100000);
-    LPRSourceToSink data("Copy", c.source, c.sink, false);
-    LProcessThread<LPRSourceToSink> thread;
-    ASSERT_TRUE(thread.Start(data));
-    unsigned char byte = 0;
-    ASSERT_EQ(::read(thread.GetNotifyFd(), &byte, 1), 1);
-    EXPECT_EQ(byte, 1);
-    EXPECT_EQ(thread.Wait(), LProcessResult::kCompleted);
-    EXPECT_EQ(c.sink->GetFramesWritten(), 100000);
-
-    SlowData slow;
-    LProcessThread<SlowData> slowThread;
-    ASSERT_TRUE(slowThread.Start(slow));
-    slowThread.RequestStop();
-    EXPECT_EQ(slowThread.Wait(), LProcessResult::kStopped);
-}
