@@ -426,8 +426,8 @@ bool LSettingsStore::FlushLocked() {
     // just created by the lock step got the default mode under the user's umask.
     struct stat held {};
     mode_t const mode = ::fstat(fd.Get(), &held) == 0 ? (held.st_mode & 07777) : 0644;
-    bool ok = ::fchmod(temp.Get(), mode) == 0 && temp.WriteAll(out.data(), out.size()) &&
-              temp.Sync();
+    bool ok =
+        ::fchmod(temp.Get(), mode) == 0 && temp.WriteAll(out.data(), out.size()) && temp.Sync();
     ok = temp.Close() && ok;
     // The rename happens while the old file is still locked, so no writer can slip between
     // our read and our replace.
@@ -445,7 +445,9 @@ LSettingsStore::Batch::Batch(LSettingsStore& store) : m_store(&store) {
     ++m_store->m_batchDepth;
 }
 
-LSettingsStore::Batch::~Batch() { (void)Commit(); }
+LSettingsStore::Batch::~Batch() {
+    (void)Commit();
+}
 
 bool LSettingsStore::Batch::Commit() {
     if (m_store == nullptr) {

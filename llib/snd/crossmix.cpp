@@ -30,8 +30,8 @@ void LSRCCrossMix::Read(float* buffer, long long frames) {
         for (long long f = 0; f < n; ++f) {
             // Frame k of the mix weighs the input (k + 1) / (mix + 1): never fully silent at the
             // join and reaching the plain input right after the mix.
-            float const w = static_cast<float>(at - m_mixStart + f + 1) /
-                            static_cast<float>(m_mixFrames + 1);
+            float const w =
+                static_cast<float>(at - m_mixStart + f + 1) / static_cast<float>(m_mixFrames + 1);
             for (unsigned c = 0; c < channels; ++c) {
                 float& v = out[f * channels + c];
                 v = v * w + m_scratch[f * channels + c] * (1.0f - w);

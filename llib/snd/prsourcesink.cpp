@@ -47,11 +47,12 @@ LProcessResult Process(LProcessInterface& process, LPRSourceToSink& data) {
 
     unsigned const channels = chain->GetChannels();
     long long blocksPerPass = kBlocksPerPass;
-    std::unique_ptr<float[]> buffer(
-        new (std::nothrow) float[static_cast<std::size_t>(channels * kBlocksPerPass * kLSoundBlockFrames)]);
+    std::unique_ptr<float[]> buffer(new (std::nothrow) float[static_cast<std::size_t>(
+        channels * kBlocksPerPass * kLSoundBlockFrames)]);
     if (!buffer) {
         blocksPerPass = 1;
-        buffer.reset(new (std::nothrow) float[static_cast<std::size_t>(channels * kLSoundBlockFrames)]);
+        buffer.reset(
+            new (std::nothrow) float[static_cast<std::size_t>(channels * kLSoundBlockFrames)]);
         if (!buffer) {
             process.SetError("Not enough memory to copy the audio.");
             return LProcessResult::kFailed;

@@ -52,8 +52,8 @@ void LSRCConvChannels51Mono::Mix(float* out, float const* in, long long frames) 
 void LSRCConvChannels71Mono::Mix(float* out, float const* in, long long frames) const {
     for (long long i = 0; i < frames; ++i) {
         float const* f = in + 8 * i;
-        out[i] = ((f[0] + f[1] + f[3]) + 0.5f * (f[6] + f[7]) + g * (f[4] + f[5])) * 0.5f +
-                 g * f[2];
+        out[i] =
+            ((f[0] + f[1] + f[3]) + 0.5f * (f[6] + f[7]) + g * (f[4] + f[5])) * 0.5f + g * f[2];
     }
 }
 

@@ -12,11 +12,17 @@ LSoundSinkBase::LSoundSinkBase(int sampleRateHz, unsigned char channels)
     llib::detail::LiveCountAdd(LSoundLiveKind::kSink, 1);
 }
 
-LSoundSinkBase::~LSoundSinkBase() { llib::detail::LiveCountAdd(LSoundLiveKind::kSink, -1); }
+LSoundSinkBase::~LSoundSinkBase() {
+    llib::detail::LiveCountAdd(LSoundLiveKind::kSink, -1);
+}
 
-void LSoundSinkBase::Seek(long long frame) { (void)frame; }
+void LSoundSinkBase::Seek(long long frame) {
+    (void)frame;
+}
 
-LSoundSinkError::LSoundSinkError() : LSoundSinkBase(44100, 1) { SetFailed(); }
+LSoundSinkError::LSoundSinkError() : LSoundSinkBase(44100, 1) {
+    SetFailed();
+}
 
 void LSoundSinkError::Write(float const* buffer, long long frames) {
     (void)buffer;
@@ -32,7 +38,9 @@ void LSoundSinkStubBase::Write(float const* buffer, long long frames) {
 
 LSoundSink::LSoundSink() : LSoundSink(new LSoundSinkError()) {}
 
-LSoundSink::LSoundSink(LSoundSinkBase* object) : m_object(object) { ++m_object->m_references; }
+LSoundSink::LSoundSink(LSoundSinkBase* object) : m_object(object) {
+    ++m_object->m_references;
+}
 
 LSoundSink::LSoundSink(LSoundSink const& other) : m_object(other.m_object) {
     assert(m_object->m_references < 0xFFFF);
@@ -56,4 +64,6 @@ LSoundSink::~LSoundSink() {
     }
 }
 
-void LSoundSink::Close() { *this = LSoundSink(); }
+void LSoundSink::Close() {
+    *this = LSoundSink();
+}

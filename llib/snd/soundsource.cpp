@@ -41,9 +41,13 @@ LSoundSourceBase::LSoundSourceBase(int sampleRateHz, unsigned char channels)
     llib::detail::LiveCountAdd(LSoundLiveKind::kSource, 1);
 }
 
-LSoundSourceBase::~LSoundSourceBase() { llib::detail::LiveCountAdd(LSoundLiveKind::kSource, -1); }
+LSoundSourceBase::~LSoundSourceBase() {
+    llib::detail::LiveCountAdd(LSoundLiveKind::kSource, -1);
+}
 
-void LSoundSourceBase::Seek(long long frame) { (void)frame; }
+void LSoundSourceBase::Seek(long long frame) {
+    (void)frame;
+}
 
 long LSoundSourceBase::ControlMessage(int id, long* value) {
     (void)id;
@@ -56,9 +60,13 @@ long long LSoundSourceBase::AdjustRelativeOffset(long long offset, long long ref
     return offset;
 }
 
-bool LSoundSourceBase::IsStreaming() const { return false; }
+bool LSoundSourceBase::IsStreaming() const {
+    return false;
+}
 
-void LSoundSourceBase::WaitForStreamingData(int ms) { LSleepMs(ms); }
+void LSoundSourceBase::WaitForStreamingData(int ms) {
+    LSleepMs(ms);
+}
 
 LSoundSourceError::LSoundSourceError(LSoundSourceErrorCode code, int sampleRateHz,
                                      unsigned char channels)
@@ -101,7 +109,9 @@ LSoundSource::~LSoundSource() {
     }
 }
 
-void LSoundSource::Close() { *this = LSoundSource(); }
+void LSoundSource::Close() {
+    *this = LSoundSource();
+}
 
 LSoundSource LMakeErrorSource(LSoundSourceErrorCode code) {
     return LMakeSource<LSoundSourceError>(code);

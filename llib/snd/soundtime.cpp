@@ -57,7 +57,9 @@ long long LSoundTime::ToFrames(int rateHz) const {
     return LMulDivFloor(m_ms, rateHz, 1000);
 }
 
-void LSoundTime::_GetText(char* text) const { Format(text, m_ms, 0, Fraction::kMillis, true); }
+void LSoundTime::_GetText(char* text) const {
+    Format(text, m_ms, 0, Fraction::kMillis, true);
+}
 
 void LSoundTime::_GetText2(char* text) const {
     Format(text, m_ms, 5, Fraction::kHundredths, true);

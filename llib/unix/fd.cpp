@@ -141,7 +141,9 @@ bool LFileDescriptor::Truncate(std::uint64_t bytes) {
     return rc == 0;
 }
 
-bool LFileDescriptor::Sync() { return ::fsync(m_fd) == 0; }
+bool LFileDescriptor::Sync() {
+    return ::fsync(m_fd) == 0;
+}
 
 bool LMakePipe(LFileDescriptor& readEnd, LFileDescriptor& writeEnd) {
     int fds[2] = {-1, -1};

@@ -43,9 +43,13 @@ void LSignalObject::Reset() {
     (void)!::read(m_fd.Get(), &value, sizeof value);
 }
 
-bool LSignalObject::IsSet() const { return Wait(0); }
+bool LSignalObject::IsSet() const {
+    return Wait(0);
+}
 
-bool LSignalObject::Wait(unsigned timeoutMs) const { return LWaitReadable(m_fd.Get(), timeoutMs); }
+bool LSignalObject::Wait(unsigned timeoutMs) const {
+    return LWaitReadable(m_fd.Get(), timeoutMs);
+}
 
 int LSignalObjectGroup::WaitAny(unsigned timeoutMs, int extraFd) const {
     std::vector<pollfd> fds;

@@ -91,6 +91,7 @@ private:
     LMutex m_mutex;
     bool m_loaded = false;
     int m_batchDepth = 0;
-    std::vector<Group> m_groups;                          // the file as last read, plus changes
-    std::map<Key, std::optional<std::string>> m_pending; // changes not yet written (nullopt: removed)
+    std::vector<Group> m_groups; // the file as last read, plus changes
+    std::map<Key, std::optional<std::string>>
+        m_pending; // changes not yet written (nullopt: removed)
 };

@@ -23,10 +23,10 @@ private:
     static constexpr long long kChunkFrames = 2048;
 
     LSoundSource m_other;
-    long long m_mixStart;      // input frame where the mix begins
+    long long m_mixStart; // input frame where the mix begins
     long long m_mixFrames;
-    long long m_otherStart;    // the other source's frame at m_mixStart
-    long long m_position;      // the input frame the next Read delivers
+    long long m_otherStart; // the other source's frame at m_mixStart
+    long long m_position;   // the input frame the next Read delivers
     std::vector<float> m_scratch;
 };
 

@@ -17,31 +17,61 @@
 
 #include <cstdint>
 
-struct LSFU8 { unsigned char bytes[1]; };    // unsigned 8-bit, 128 is silence
-struct LSFS8 { unsigned char bytes[1]; };    // signed 8-bit
-struct LSFBE8 { unsigned char bytes[1]; };   // signed 8-bit of big-endian containers
-struct LSF16 { unsigned char bytes[2]; };    // signed 16-bit little-endian
-struct LSFBE16 { unsigned char bytes[2]; };  // signed 16-bit big-endian
-struct LSFLE24 { unsigned char bytes[3]; };  // signed 24-bit little-endian
-struct LSFBE24 { unsigned char bytes[3]; };  // signed 24-bit big-endian
-struct LSF32 { unsigned char bytes[4]; };    // signed 32-bit little-endian
-struct LSFBE32 { unsigned char bytes[4]; };  // signed 32-bit big-endian
-struct LSFF32 { unsigned char bytes[4]; };   // 32-bit float, native order
-struct LSFF64 { unsigned char bytes[8]; };   // 64-bit float, native order
-struct LSFFRE32 { unsigned char bytes[4]; }; // 32-bit float, byte-reversed
-struct LSFFRE64 { unsigned char bytes[8]; }; // 64-bit float, byte-reversed
-struct LSFULAW { unsigned char bytes[1]; };  // G.711 mu-law
-struct LSFALAW { unsigned char bytes[1]; };  // G.711 A-law
+struct LSFU8 {
+    unsigned char bytes[1];
+}; // unsigned 8-bit, 128 is silence
+struct LSFS8 {
+    unsigned char bytes[1];
+}; // signed 8-bit
+struct LSFBE8 {
+    unsigned char bytes[1];
+}; // signed 8-bit of big-endian containers
+struct LSF16 {
+    unsigned char bytes[2];
+}; // signed 16-bit little-endian
+struct LSFBE16 {
+    unsigned char bytes[2];
+}; // signed 16-bit big-endian
+struct LSFLE24 {
+    unsigned char bytes[3];
+}; // signed 24-bit little-endian
+struct LSFBE24 {
+    unsigned char bytes[3];
+}; // signed 24-bit big-endian
+struct LSF32 {
+    unsigned char bytes[4];
+}; // signed 32-bit little-endian
+struct LSFBE32 {
+    unsigned char bytes[4];
+}; // signed 32-bit big-endian
+struct LSFF32 {
+    unsigned char bytes[4];
+}; // 32-bit float, native order
+struct LSFF64 {
+    unsigned char bytes[8];
+}; // 64-bit float, native order
+struct LSFFRE32 {
+    unsigned char bytes[4];
+}; // 32-bit float, byte-reversed
+struct LSFFRE64 {
+    unsigned char bytes[8];
+}; // 64-bit float, byte-reversed
+struct LSFULAW {
+    unsigned char bytes[1];
+}; // G.711 mu-law
+struct LSFALAW {
+    unsigned char bytes[1];
+}; // G.711 A-law
 
 template <class T>
 void ConvertSamplesIn(float* out, T const* in, long long count);
 template <class T>
 void ConvertSamplesOut(T* out, float const* in, long long count);
 
-#define LSF_DECLARE(T)                                                                           \
-    template <>                                                                                  \
-    void ConvertSamplesIn<T>(float* out, T const* in, long long count);                          \
-    template <>                                                                                  \
+#define LSF_DECLARE(T)                                                                             \
+    template <>                                                                                    \
+    void ConvertSamplesIn<T>(float* out, T const* in, long long count);                            \
+    template <>                                                                                    \
     void ConvertSamplesOut<T>(T * out, float const* in, long long count);
 LSF_DECLARE(LSFU8)
 LSF_DECLARE(LSFS8)

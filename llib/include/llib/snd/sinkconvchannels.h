@@ -38,14 +38,14 @@ private:
     std::vector<float> m_scratch;
 };
 
-#define LSRC_CONV_CHANNELS(Name)                                                                 \
-    class Name final : public LSRCConvChannelsBase {                                             \
-    public:                                                                                      \
-        Name(LSoundSource const& input, unsigned char outputChannels)                            \
-            : LSRCConvChannelsBase(input, outputChannels) {}                                     \
-                                                                                                 \
-    protected:                                                                                   \
-        void Mix(float* out, float const* in, long long frames) const override;                  \
+#define LSRC_CONV_CHANNELS(Name)                                                                   \
+    class Name final : public LSRCConvChannelsBase {                                               \
+    public:                                                                                        \
+        Name(LSoundSource const& input, unsigned char outputChannels)                              \
+            : LSRCConvChannelsBase(input, outputChannels) {}                                       \
+                                                                                                   \
+    protected:                                                                                     \
+        void Mix(float* out, float const* in, long long frames) const override;                    \
     };
 
 LSRC_CONV_CHANNELS(LSRCConvMonoStereo)
