@@ -227,7 +227,28 @@ void PrintMp3(LMP3FileInfo const& mp3) {
         std::printf("  Length:      estimated from the bitrate (no frame count)\n");
     }
     if (mp3.id3v2Bytes > 0) {
-        std::printf("  ID3v2 tag:   %llu bytes\n", static_cast<unsigned long long>(mp3.id3v2Bytes));
+        std::printf("  ID3v2 tag:   %llu bytes", static_cast<unsigned long long>(mp3.id3v2Bytes));
+        if (mp3.id3v2.version > 0) {
+            std::printf(", version 2.%d", mp3.id3v2.version);
+        }
+        // The frames people look for, by the names of both frame sets (2.2 and later).
+        struct Field {
+            char const* name;
+            std::initializer_list<char const*> ids;
+        };
+        Field const fields[] = {{"title", {"TIT2", "TT2"}},  {"artist", {"TPE1", "TP1"}},
+                                {"album", {"TALB", "TAL"}},  {"year", {"TDRC", "TYER", "TYE"}},
+                                {"track", {"TRCK", "TRK"}},  {"genre", {"TCON", "TCO"}},
+                                {"comment", {"COMM", "COM"}}};
+        char const* separator = "\n               ";
+        for (Field const& field : fields) {
+            std::string const value = mp3.id3v2.Find(field.ids);
+            if (!value.empty()) {
+                std::printf("%s%s \"%s\"", separator, field.name, value.c_str());
+                separator = ", ";
+            }
+        }
+        std::printf("\n");
     }
     if (mp3.id3v1) {
         std::printf("  ID3v1 tag:   title \"%s\", artist \"%s\", album \"%s\", year \"%s\", "

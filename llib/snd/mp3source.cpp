@@ -443,20 +443,6 @@ private:
 
 // ---- Opening ----
 
-std::uint64_t Id3v2Bytes(unsigned char const* h) {
-    if (std::memcmp(h, "ID3", 3) != 0 || h[3] == 0xFF || h[4] == 0xFF) {
-        return 0;
-    }
-    std::uint64_t size = 0;
-    for (int i = 6; i < 10; ++i) {
-        if ((h[i] & 0x80) != 0) {
-            return 0;
-        }
-        size = size << 7 | h[i];
-    }
-    return 10 + size + ((h[5] & 0x10) != 0 ? 10 : 0);
-}
-
 // A fixed-width ID3v1 field: up to its first NUL, trailing spaces cut, non-printing bytes
 // replaced (the tag's character set is unknown; Latin-1 is only the usual guess).
 std::string Id3v1Text(unsigned char const* p, std::size_t width) {
@@ -478,8 +464,15 @@ LSoundSourceErrorCode ReadStreamInfo(LMP3ReadFile& file, bool tagsAllowed, long 
     std::uint64_t end = file.GetEnd();
     unsigned char h[10] = {};
     if (tagsAllowed) {
+        if (file.ReadAt(h, 10, at) == 10 && LID3v2TagBytes(h) > 0) {
+            auto const read = [&file](unsigned char* data, std::size_t bytes,
+                                      std::uint64_t offset) {
+                return file.ReadAt(data, bytes, offset);
+            };
+            (void)LID3v2Read(read, at, info.id3v2);
+        }
         while (file.ReadAt(h, 10, at) == 10) {
-            std::uint64_t const tag = Id3v2Bytes(h);
+            std::uint64_t const tag = LID3v2TagBytes(h);
             if (tag == 0) {
                 break;
             }

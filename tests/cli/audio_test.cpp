@@ -226,10 +226,10 @@ protected:
         std::string const mp3 = PathOf("x.mp3");
         EXPECT_EQ(Cli({"synth", wav, "--seconds", "1.2", "--rate", "44100", "--channels", "2"}), 0);
         std::string out;
-        EXPECT_EQ(
-            RunTool({"lame", "--quiet", "-b", "160", "--id3v1-only", "--tt", "Take Two", wav, mp3},
-                    &out),
-            0)
+        EXPECT_EQ(RunTool({"lame", "--quiet", "-b", "160", "--add-id3v2", "--tt", "Take Two",
+                           "--ta", "Band", wav, mp3},
+                          &out),
+                  0)
             << out;
         return mp3;
     }
@@ -246,6 +246,8 @@ TEST_F(CliMp3Test, InfoShowsTheStreamTheLameTagAndTheTitle) {
     EXPECT_TRUE(Contains(out, "Encoder:     LAME3.100 (VBR method 1")) << out;
     EXPECT_TRUE(Contains(out, "delay 576")) << out;
     EXPECT_TRUE(Contains(out, "ID3v1 tag:   title \"Take Two\"")) << out;
+    EXPECT_TRUE(Contains(out, "version 2.3\n               title \"Take Two\", artist \"Band\"\n"))
+        << out;
     EXPECT_TRUE(Contains(out, "Channels:    2")) << out;
     // Gapless: the length of what was encoded.
     EXPECT_TRUE(Contains(out, "(52920 frames)")) << out;

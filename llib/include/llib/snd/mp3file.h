@@ -20,9 +20,11 @@
 //
 // Seeking is sample-exact: the frame holding the target and enough frames before it to refill
 // the bit reservoir and the filter state are decoded again, so a read after Seek equals a whole
-// decode bit for bit. Frame positions are indexed as frames are met; far jumps into unread parts
-// of a file with a table of contents start from the table's estimate.
+// decode bit for bit. Frame positions are indexed as frames are met; a position beyond them is
+// found by walking the frame headers (not by the Xing table of contents, whose percentages give
+// only an estimated frame).
 
+#include "llib/snd/id3v2.h"
 #include "llib/snd/soundsource.h"
 #include "llib/unix/fd.h"
 
@@ -95,7 +97,8 @@ struct LMP3FileInfo {
     LMP3FrameHeader header; // of the first frame
     LMP3VbrHeader vbr;
     LMP3LameHeader lame;
-    std::uint64_t id3v2Bytes = 0;
+    std::uint64_t id3v2Bytes = 0; // all leading ID3v2 tags
+    LID3v2Tag id3v2;              // the text of the first
     bool id3v1 = false;
     // The ID3v1 tag's text fields (trailing spaces and NULs cut), empty when there is none.
     std::string title;
