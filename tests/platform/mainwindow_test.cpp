@@ -97,7 +97,8 @@ protected:
         m_window = std::make_unique<SEMainWindow>(m_settings.get());
         m_window->resize(1000, 600);
         m_window->show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(m_window.get()));
+        // A real X server on a loaded machine can take longer than the default five seconds.
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(m_window.get(), 30000));
     }
     void TearDown() override {
         // Nothing may ask about unsaved changes while the window goes.
