@@ -77,6 +77,19 @@ std::vector<std::uint16_t> ReadGrf(unsigned short item) {
     return codes;
 }
 
+// An item information update image (type 44) holding what `fill` writes.
+template <class Fill>
+LSizedArray<unsigned char> InfoUpdate(Fill fill) {
+    LOutputStreamByteArray out;
+    LSDFWriter<LOutputStreamByteArray> writer;
+    EXPECT_TRUE(writer.Open(out, kLSDFFileCacheItemInfoUpdate, 1) && fill(writer) &&
+                writer.Close());
+    LSizedArray<unsigned char> bytes;
+    EXPECT_TRUE(bytes.Allocate(out.GetBytes().size()));
+    std::memcpy(bytes.GetData(), out.GetBytes().data(), out.GetBytes().size());
+    return bytes;
+}
+
 TEST(SoundCacheGrf, CodesFollowTheLinearScaleToPlus24Db) {
     // Zero stays zero, any other value shows (at least 1), and +24 dBFS or more saturates.
     std::pair<float, int> const cases[] = {
@@ -258,20 +271,10 @@ TEST_F(SoundCacheTest, ReopeningAnUnchangedFileFindsItsItem) {
 
 TEST_F(SoundCacheTest, UpdatesReplaceRootChunksByIdentifierAndKeepTheRest) {
     unsigned short const item = AddItem({0.5f});
-    auto update = [](auto fill) {
-        LOutputStreamByteArray out;
-        LSDFWriter<LOutputStreamByteArray> writer;
-        EXPECT_TRUE(writer.Open(out, kLSDFFileCacheItemInfoUpdate, 1) && fill(writer) &&
-                    writer.Close());
-        LSizedArray<unsigned char> bytes;
-        EXPECT_TRUE(bytes.Allocate(out.GetBytes().size()));
-        std::memcpy(bytes.GetData(), out.GetBytes().data(), out.GetBytes().size());
-        return bytes;
-    };
     LSizedArray<unsigned char> first =
-        update([](auto& w) { return w.WriteInt(500, 1) && w.WriteString(501, "beat map"); });
+        InfoUpdate([](auto& w) { return w.WriteInt(500, 1) && w.WriteString(501, "beat map"); });
     ASSERT_TRUE(LSoundCacheItemInfoUpdate(item, first, false));
-    LSizedArray<unsigned char> second = update([](auto& w) { return w.WriteInt(500, 2); });
+    LSizedArray<unsigned char> second = InfoUpdate([](auto& w) { return w.WriteInt(500, 2); });
     ASSERT_TRUE(LSoundCacheItemInfoUpdate(item, second, false));
     ASSERT_TRUE(LSoundCacheItemLastAccessTimeUpdate(item));
 
@@ -355,14 +358,9 @@ TEST_F(SoundCacheTest, EveryCleanupModeRemovesStaleItemsAndSparesHeldOnes) {
         LSoundCacheOriginal const original = MakeOriginal("old.wav", "old");
         unsigned short const stale = AddItem({0.1f});
         ASSERT_TRUE(LSoundCacheItemOriginalSet(stale, original));
-        LOutputStreamByteArray out;
-        LSDFWriter<LOutputStreamByteArray> writer;
-        ASSERT_TRUE(writer.Open(out, kLSDFFileCacheItemInfoUpdate, 1) &&
-                    writer.WriteInt64(kLSoundCacheInfoLastAccess, time(nullptr) - 30 * 86400) &&
-                    writer.Close());
-        LSizedArray<unsigned char> update;
-        ASSERT_TRUE(update.Allocate(out.GetBytes().size()));
-        std::memcpy(update.GetData(), out.GetBytes().data(), out.GetBytes().size());
+        LSizedArray<unsigned char> update = InfoUpdate([](auto& w) {
+            return w.WriteInt64(kLSoundCacheInfoLastAccess, time(nullptr) - 30 * 86400);
+        });
         ASSERT_TRUE(LSoundCacheItemInfoUpdate(stale, update, false));
         LSoundCache::DecRef(stale);
         ASSERT_TRUE(LSoundCacheItemIsValid(stale)) << "kept for its unchanged original";
