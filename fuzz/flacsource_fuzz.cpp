@@ -5,7 +5,8 @@
 // loop without end or allocate from an unchecked size.
 #include "llib/snd/flacfile.h"
 
-#include <sys/mman.h>
+#include "memoryfile.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,13 +23,8 @@ constexpr long long kMaxFrames = 1 << 18;
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    // A memory file, reopened by its /proc name: the reader opens paths.
-    int const fd = memfd_create("flac", MFD_CLOEXEC);
-    if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size)) {
-        std::abort();
-    }
     char path[64];
-    std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    int const fd = LFuzzMemoryFile({}, data, size, path);
     {
         LSoundSource source = LFLACFile::OpenSource(path);
         std::vector<float> buffer(static_cast<std::size_t>(kChunkFrames) * source->GetChannels());

@@ -8,7 +8,8 @@
 #include "llib/snd/mp3file.h"
 #include "llib/snd/wavefile.h"
 
-#include <sys/mman.h>
+#include "memoryfile.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,19 +23,6 @@ namespace {
 
 constexpr long long kChunkFrames = 4096;
 constexpr long long kMaxFrames = 1 << 20;
-
-// A memory file holding `head` then the input, reopened by its /proc name: the readers open
-// paths. Returns its descriptor; `path` gets the name.
-int MemoryFile(std::vector<unsigned char> const& head, std::uint8_t const* data, std::size_t size,
-               char (&path)[64]) {
-    int const fd = memfd_create("mp3", MFD_CLOEXEC);
-    if (fd < 0 || write(fd, head.data(), head.size()) != static_cast<ssize_t>(head.size()) ||
-        write(fd, data, size) != static_cast<ssize_t>(size)) {
-        std::abort();
-    }
-    std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
-    return fd;
-}
 
 void ReadAndSeek(LSoundSource const& source, std::uint8_t const* data, std::size_t size) {
     auto const channels = static_cast<long long>(source->GetChannels());
@@ -67,7 +55,7 @@ void PutU32(unsigned char* p, std::uint32_t v) {
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     char path[64];
-    int fd = MemoryFile({}, data, size, path);
+    int fd = LFuzzMemoryFile({}, data, size, path);
     ReadAndSeek(LMP3File::OpenSource(path, false), data, size);
     LMP3FileInfo info;
     (void)LMP3File::GetInfo(path, info);
@@ -82,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     PutU32(&wav[28], 16000);
     wav[32] = 1;
     PutU32(&wav[40], static_cast<std::uint32_t>(size));
-    fd = MemoryFile(wav, data, size, path);
+    fd = LFuzzMemoryFile(wav, data, size, path);
     ReadAndSeek(LWaveFile::OpenSource(path), data, size);
     close(fd);
     return 0;
