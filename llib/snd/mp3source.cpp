@@ -464,17 +464,16 @@ LSoundSourceErrorCode ReadStreamInfo(LMP3ReadFile& file, bool tagsAllowed, long 
     std::uint64_t end = file.GetEnd();
     unsigned char h[10] = {};
     if (tagsAllowed) {
-        if (file.ReadAt(h, 10, at) == 10 && LID3v2TagBytes(h) > 0) {
-            auto const read = [&file](unsigned char* data, std::size_t bytes,
-                                      std::uint64_t offset) {
-                return file.ReadAt(data, bytes, offset);
-            };
-            (void)LID3v2Read(read, at, info.id3v2);
-        }
+        auto const read = [&file](unsigned char* data, std::size_t bytes, std::uint64_t offset) {
+            return file.ReadAt(data, bytes, offset);
+        };
         while (file.ReadAt(h, 10, at) == 10) {
             std::uint64_t const tag = LID3v2TagBytes(h);
             if (tag == 0) {
                 break;
+            }
+            if (info.id3v2Bytes == 0) {
+                (void)LID3v2Read(read, at, info.id3v2); // the first tag's text, for display
             }
             info.id3v2Bytes += tag;
             at += tag;
