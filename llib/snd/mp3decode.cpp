@@ -2,6 +2,8 @@
 // The layer III frame decoder and the polyphase synthesis.
 #include "mp3decode.h"
 
+#include "simdclones.h"
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -11,24 +13,16 @@ namespace llib::detail {
 
 namespace {
 
-// The transforms run as AVX2/FMA or AVX-512 clones where the machine has them; what a clone calls
-// must be inlined into it, or the clone would call baseline code.
-#if defined(__x86_64__) && !defined(TESSEL_NO_CLONES)
-#define TESSEL_MP3_CLONES                                                                          \
-    __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
-#else
-#define TESSEL_MP3_CLONES
-#endif
-#define TESSEL_MP3_INLINE inline __attribute__((always_inline))
+// The transforms run as AVX2/FMA or AVX-512 clones where the machine has them.
 
 // Four floats as one value, the width every x86-64 machine has in registers.
 using LMP3Vec4 = float __attribute__((vector_size(16)));
 
-TESSEL_MP3_INLINE void LMP3Load4(LMP3Vec4& v, float const* p) {
+LLIB_SIMD_INLINE void LMP3Load4(LMP3Vec4& v, float const* p) {
     std::memcpy(&v, p, sizeof v);
 }
 
-TESSEL_MP3_INLINE void LMP3Store4(float* p, LMP3Vec4 const& v) {
+LLIB_SIMD_INLINE void LMP3Store4(float* p, LMP3Vec4 const& v) {
     std::memcpy(p, &v, sizeof v);
 }
 
@@ -218,8 +212,8 @@ bool ReadScalefactorsLsf(unsigned char const* data, int& pos, LMP3GranuleInfo co
 
 // Reads one Huffman code from the top of `w` (which holds at least 57 valid bits), shifting it
 // out and adding its length to `used`.
-TESSEL_MP3_INLINE std::uint32_t DecodeCode(LMP3LookupTables::Huffman const& h, std::uint64_t& w,
-                                           int& used) {
+LLIB_SIMD_INLINE std::uint32_t DecodeCode(LMP3LookupTables::Huffman const& h, std::uint64_t& w,
+                                          int& used) {
     int bits = h.rootBits;
     std::uint32_t e = h.lut[w >> (64 - bits)];
     while ((e & 0x80000000u) != 0) {
@@ -236,8 +230,8 @@ TESSEL_MP3_INLINE std::uint32_t DecodeCode(LMP3LookupTables::Huffman const& h, s
 
 // The requantised value of Huffman magnitude `v` with the sign bit on top of `w` (read only
 // when `v` is nonzero; pow43[0] is 0).
-TESSEL_MP3_INLINE float Requantised(LMP3LookupTables const& t, int v, float gain, std::uint64_t& w,
-                                    int& used) {
+LLIB_SIMD_INLINE float Requantised(LMP3LookupTables const& t, int v, float gain, std::uint64_t& w,
+                                   int& used) {
     // Branch-free: whether a sign bit follows is as unpredictable as the data.
     int const nonzero = v != 0 ? 1 : 0;
     std::uint32_t const sign = static_cast<std::uint32_t>(w >> 63) << 31 & -nonzero;
@@ -443,7 +437,7 @@ namespace {
 // odd ones from the scaled differences). `c` holds 1 / (2 cos(pi (2k + 1) / 2N)) for this N
 // followed by the smaller sizes' factors.
 template <int N>
-TESSEL_MP3_INLINE void Dct2(float const* in, float* out, float const* c) {
+LLIB_SIMD_INLINE void Dct2(float const* in, float* out, float const* c) {
     if constexpr (N == 1) {
         out[0] = in[0];
     } else {
@@ -487,7 +481,7 @@ void LMP3PolyphaseSynth::MatrixMultiplyNoOpt(float const* in32, float* v64) {
 
 namespace {
 
-TESSEL_MP3_CLONES
+LLIB_SIMD_CLONES
 void SynthesiseSlots(float (*ring)[64], int& slot, float const* window, float const* dctCos,
                      float const* in, int slots, float* out) {
     for (int s = 0; s < slots; ++s) {
@@ -750,7 +744,7 @@ void ApplyStereo(LMP3LookupTables const& t, LMP3FrameHeader const& header, LMP3G
 // holding anything; the rest of `tx` is not read.
 using Transposed = float[18][32];
 
-TESSEL_MP3_INLINE void Transpose(float const* xr, int width, Transposed& tx) {
+LLIB_SIMD_INLINE void Transpose(float const* xr, int width, Transposed& tx) {
     for (int sb = 0; sb < width; ++sb) {
         for (int k = 0; k < 18; ++k) {
             tx[k][sb] = xr[18 * sb + k];
@@ -760,7 +754,7 @@ TESSEL_MP3_INLINE void Transpose(float const* xr, int width, Transposed& tx) {
 
 // Alias reduction between neighbouring subbands below `width`: line 17 - i of one with line i of
 // the next.
-TESSEL_MP3_CLONES
+LLIB_SIMD_CLONES
 void ReduceAliases(LMP3LookupTables const& t, Transposed& tx, int width) {
     for (int i = 0; i < 8; ++i) {
         float const cs = t.aliasCs[i];
@@ -788,7 +782,7 @@ void ReduceAliases(LMP3LookupTables const& t, Transposed& tx, int width) {
 // Long-block IMDCT of the transposed subbands [0, width) with the window of `blockType`,
 // overlap-added into `out` and `overlap` (both time slot-major, 32 subbands per slot). Subbands
 // from `count` up are left to the caller.
-TESSEL_MP3_CLONES
+LLIB_SIMD_CLONES
 void ImdctLong(LMP3LookupTables const& t, Transposed const& tx, int count, int width, int blockType,
                float* overlap, float* out) {
     // The 36-point IMDCT of 18 lines is an 18-point DCT-IV whose outputs are mirrored.

@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "llib/snd/peaklimit.h"
 
+#include "simdclones.h"
+
 #include <algorithm>
 #include <cstring>
 
 namespace {
 
 // Clamped to +-threshold, NaN to 0.
-inline float Limit(float v, float threshold) {
+LLIB_SIMD_INLINE float Limit(float v, float threshold) {
     v = v < -threshold ? -threshold : v;
     v = v > threshold ? threshold : v;
     return v == v ? v : 0.0f;
@@ -16,8 +18,8 @@ inline float Limit(float v, float threshold) {
 // Frames scaled by a gain that rises or falls by `slope` a frame from `g0 + slope * first`. The
 // frame number is an int so the loop vectorises; it converts to the same float as a long long.
 template <int kChannels>
-void RampFrames(float* out, float const* in, int frames, float g0, float slope, int first,
-                float threshold) {
+LLIB_SIMD_INLINE void RampFrames(float* out, float const* in, int frames, float g0, float slope,
+                                 int first, float threshold) {
     for (int f = 0; f < frames; ++f) {
         float const gain = g0 + slope * static_cast<float>(first + f);
         for (int c = 0; c < kChannels; ++c) {
@@ -28,8 +30,9 @@ void RampFrames(float* out, float const* in, int frames, float g0, float slope, 
 
 // Copies `frames` frames scaling frame i by a gain ramping from `g0` to `g1` (reached at the
 // last frame), clamped to +-threshold, NaN to 0. Unity gain skips the multiply.
-void ApplyRamp(float* out, float const* in, long long frames, unsigned channels, float g0, float g1,
-               long long rampFrames, long long rampOffset, float threshold) {
+LLIB_SIMD_CLONES void ApplyRamp(float* out, float const* in, long long frames, unsigned channels,
+                                float g0, float g1, long long rampFrames, long long rampOffset,
+                                float threshold) {
     long long const n = frames * channels;
     if (g0 == 1.0f && g1 == 1.0f) {
         for (long long i = 0; i < n; ++i) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "llib/snd/sampleformats.h"
 
+#include "simdclones.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -19,14 +21,6 @@ constexpr double kScale32 = 2147483647.0;
 // The exact roundings work in double precision; the AVX-512 build does eight of them per
 // instruction where AVX2 does four, which makes writing 16- and 24-bit samples half as fast
 // again on machines that have it.
-#if defined(__x86_64__) && !defined(TESSEL_NO_CLONES)
-#define TESSEL_FORMAT_CLONES                                                                       \
-    __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
-#else
-#define TESSEL_FORMAT_CLONES
-#endif
-// What a clone calls must be inlined into it, or the clone would call baseline code.
-#define TESSEL_FORMAT_INLINE inline __attribute__((always_inline))
 
 constexpr bool kHostLittleEndian = std::endian::native == std::endian::little;
 
@@ -56,7 +50,7 @@ bool HasFusedMultiplyAdd() {
 #endif
 }
 
-TESSEL_FORMAT_INLINE int RoundSat32(double v, double lo, double hi) {
+LLIB_SIMD_INLINE int RoundSat32(double v, double lo, double hi) {
     v += v >= 0.0 ? 0.5 : -0.5;
     v = v < lo ? lo : v;
     v = v > hi ? hi : v;
@@ -64,7 +58,7 @@ TESSEL_FORMAT_INLINE int RoundSat32(double v, double lo, double hi) {
     return static_cast<int>(v);
 }
 
-TESSEL_FORMAT_INLINE std::int32_t Le24ToTop(unsigned char const* b) {
+LLIB_SIMD_INLINE std::int32_t Le24ToTop(unsigned char const* b) {
     auto const u = static_cast<std::uint32_t>(b[0]) << 8 | static_cast<std::uint32_t>(b[1]) << 16 |
                    static_cast<std::uint32_t>(b[2]) << 24;
     return static_cast<std::int32_t>(u);
@@ -74,17 +68,17 @@ inline std::uint64_t Swap64(std::uint64_t v) {
     return __builtin_bswap64(v);
 }
 
-TESSEL_FORMAT_INLINE std::uint16_t Swap(std::uint16_t v) {
+LLIB_SIMD_INLINE std::uint16_t Swap(std::uint16_t v) {
     return __builtin_bswap16(v);
 }
-TESSEL_FORMAT_INLINE std::uint32_t Swap(std::uint32_t v) {
+LLIB_SIMD_INLINE std::uint32_t Swap(std::uint32_t v) {
     return __builtin_bswap32(v);
 }
 
 // A stored integer as the host sees it, and back: one load or store, swapped when the stored
 // byte order is not the host's.
 template <class U, bool kBigEndian>
-TESSEL_FORMAT_INLINE U LoadStored(unsigned char const* b) {
+LLIB_SIMD_INLINE U LoadStored(unsigned char const* b) {
     U v;
     std::memcpy(&v, b, sizeof v);
     if constexpr (kBigEndian == kHostLittleEndian) {
@@ -94,7 +88,7 @@ TESSEL_FORMAT_INLINE U LoadStored(unsigned char const* b) {
 }
 
 template <class U, bool kBigEndian>
-TESSEL_FORMAT_INLINE void StoreStored(unsigned char* b, U v) {
+LLIB_SIMD_INLINE void StoreStored(unsigned char* b, U v) {
     if constexpr (kBigEndian == kHostLittleEndian) {
         v = Swap(v);
     }
@@ -102,7 +96,7 @@ TESSEL_FORMAT_INLINE void StoreStored(unsigned char* b, U v) {
 }
 
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE std::int32_t Load24Top(unsigned char const* b) {
+LLIB_SIMD_INLINE std::int32_t Load24Top(unsigned char const* b) {
     if constexpr (kBigEndian) {
         unsigned char const le[3] = {b[2], b[1], b[0]};
         return Le24ToTop(le);
@@ -111,7 +105,7 @@ TESSEL_FORMAT_INLINE std::int32_t Load24Top(unsigned char const* b) {
     }
 }
 
-TESSEL_FORMAT_INLINE int RoundSat32Full(float x) {
+LLIB_SIMD_INLINE int RoundSat32Full(float x) {
     return RoundSat32(x * kScale32, -2147483648.0, 2147483647.0);
 }
 
@@ -125,7 +119,7 @@ using Float4 = float __attribute__((vector_size(16)));
 using Double4 = double __attribute__((vector_size(32)));
 
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE Int4 Load24x4(unsigned char const* b) {
+LLIB_SIMD_INLINE Int4 Load24x4(unsigned char const* b) {
     Bytes16 bytes;
     std::memcpy(&bytes, b, sizeof bytes);
     Bytes16 const zero = {};
@@ -141,7 +135,7 @@ TESSEL_FORMAT_INLINE Int4 Load24x4(unsigned char const* b) {
 }
 
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE void Store24x4(unsigned char* b, Int4 values) {
+LLIB_SIMD_INLINE void Store24x4(unsigned char* b, Int4 values) {
     auto const bytes = std::bit_cast<Bytes16>(values);
     Bytes16 packed;
     if constexpr (kBigEndian) {
@@ -159,8 +153,7 @@ TESSEL_FORMAT_INLINE void Store24x4(unsigned char* b, Int4 values) {
 // by its exact remainder, which gives the same float for every one of the 65536 codes (the
 // tests check them all).
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE void In16Body(float* out, unsigned char const* in, long long count,
-                                   bool fused) {
+LLIB_SIMD_INLINE void In16Body(float* out, unsigned char const* in, long long count, bool fused) {
     if (fused) {
         constexpr float kReciprocal = 1.0f / kScale16;
         for (long long i = 0; i < count; ++i) {
@@ -180,8 +173,7 @@ TESSEL_FORMAT_INLINE void In16Body(float* out, unsigned char const* in, long lon
 }
 
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE void In24Body(float* out, unsigned char const* in, long long count,
-                                   bool shuffle) {
+LLIB_SIMD_INLINE void In24Body(float* out, unsigned char const* in, long long count, bool shuffle) {
     long long i = 0;
     if (kHostLittleEndian && shuffle) {
         // Each 16-byte load reads four bytes past its four samples, so it stops in time.
@@ -197,7 +189,7 @@ TESSEL_FORMAT_INLINE void In24Body(float* out, unsigned char const* in, long lon
 }
 
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE void In32Body(float* out, unsigned char const* in, long long count) {
+LLIB_SIMD_INLINE void In32Body(float* out, unsigned char const* in, long long count) {
     for (long long i = 0; i < count; ++i) {
         auto const v = static_cast<std::int32_t>(LoadStored<std::uint32_t, kBigEndian>(in + 4 * i));
         out[i] = static_cast<float>(v / kScale32);
@@ -205,7 +197,7 @@ TESSEL_FORMAT_INLINE void In32Body(float* out, unsigned char const* in, long lon
 }
 
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE void Out16Body(unsigned char* out, float const* in, long long count) {
+LLIB_SIMD_INLINE void Out16Body(unsigned char* out, float const* in, long long count) {
     for (long long i = 0; i < count; ++i) {
         auto const v = static_cast<std::uint16_t>(RoundSat32(in[i] * 32767.0, -32768.0, 32767.0));
         StoreStored<std::uint16_t, kBigEndian>(out + 2 * i, v);
@@ -213,7 +205,7 @@ TESSEL_FORMAT_INLINE void Out16Body(unsigned char* out, float const* in, long lo
 }
 
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE void Store24(unsigned char* b, int value) {
+LLIB_SIMD_INLINE void Store24(unsigned char* b, int value) {
     auto const v = static_cast<std::uint32_t>(value);
     b[kBigEndian ? 2 : 0] = static_cast<unsigned char>(v >> 8);
     b[1] = static_cast<unsigned char>(v >> 16);
@@ -221,8 +213,8 @@ TESSEL_FORMAT_INLINE void Store24(unsigned char* b, int value) {
 }
 
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE void Out24Body(unsigned char* out, float const* in, long long count,
-                                    bool shuffle) {
+LLIB_SIMD_INLINE void Out24Body(unsigned char* out, float const* in, long long count,
+                                bool shuffle) {
     if (!kHostLittleEndian || !shuffle) {
         for (long long i = 0; i < count; ++i) {
             Store24<kBigEndian>(out + 3 * i, RoundSat32Full(in[i]));
@@ -252,7 +244,7 @@ TESSEL_FORMAT_INLINE void Out24Body(unsigned char* out, float const* in, long lo
 }
 
 template <bool kBigEndian>
-TESSEL_FORMAT_INLINE void Out32Body(unsigned char* out, float const* in, long long count) {
+LLIB_SIMD_INLINE void Out32Body(unsigned char* out, float const* in, long long count) {
     for (long long i = 0; i < count; ++i) {
         auto const v = static_cast<std::uint32_t>(RoundSat32Full(in[i]));
         StoreStored<std::uint32_t, kBigEndian>(out + 4 * i, v);
@@ -262,7 +254,7 @@ TESSEL_FORMAT_INLINE void Out32Body(unsigned char* out, float const* in, long lo
 // The formats with a fast path, one cloned entry point per direction.
 enum class Pcm : unsigned char { kU8, k16, k16Be, k24, k24Be, k32, k32Be };
 
-TESSEL_FORMAT_CLONES
+LLIB_SIMD_CLONES
 void PcmIn(float* out, unsigned char const* in, long long count, Pcm format, bool shuffle,
            bool fused) {
     switch (format) {
@@ -287,7 +279,7 @@ void PcmIn(float* out, unsigned char const* in, long long count, Pcm format, boo
     }
 }
 
-TESSEL_FORMAT_CLONES
+LLIB_SIMD_CLONES
 void PcmOut(unsigned char* out, float const* in, long long count, Pcm format, bool shuffle) {
     switch (format) {
     case Pcm::kU8:

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "llib/snd/soundbase.h"
 
+#include "simdclones.h"
+
 #include <atomic>
 #include <cstring>
 
@@ -13,15 +15,14 @@ namespace {
 // Four-float vectors are native to every x86-64 machine.
 using Lanes = float __attribute__((vector_size(4 * sizeof(float))));
 
-inline Lanes Magnitudes(float const* p) {
+LLIB_SIMD_INLINE Lanes Magnitudes(float const* p) {
     Lanes v;
     std::memcpy(&v, p, sizeof v);
     return v < 0.0f ? -v : v;
 }
 
-} // namespace
-
-float GetBufferPeak(float const* samples, long long count) {
+// Internal, so that the clones' dispatch stays inside this file with every compiler.
+LLIB_SIMD_CLONES float PeakOfBuffer(float const* samples, long long count) {
     // Independent lanes: one running maximum would be a chain of dependent compares as long as
     // the buffer. Each lane replaces its maximum only on a strictly greater magnitude, so NaN
     // never enters and the result is that of the plain loop.
@@ -44,6 +45,12 @@ float GetBufferPeak(float const* samples, long long count) {
         peak = a > peak ? a : peak;
     }
     return peak;
+}
+
+} // namespace
+
+float GetBufferPeak(float const* samples, long long count) {
+    return PeakOfBuffer(samples, count);
 }
 
 long LSoundLiveCount(LSoundLiveKind kind) {
