@@ -104,10 +104,22 @@ LSoundCacheSink::LSoundCacheSink(unsigned short item, int sampleRateHz, unsigned
         SetFailed();
         return;
     }
-    // Start the disk on what has been written so far instead of leaving it all to the kernel's
-    // later writeback: decoding and writing then overlap, and an hour of audio does not pile up
-    // as dirty memory.
-    m_audWriter.SetWritebackInterval(kWritebackBytes);
+}
+
+void LSoundCacheSink::Start(long long expectedFrames) {
+    if (m_started || IsFailed()) {
+        return;
+    }
+    m_started = true;
+    // An item that fits in what the kernel keeps dirty anyway is left to its writeback: the
+    // cache needs no durability, and starting the disk costs the writing thread a third of its
+    // time. Past that, the disk is started on each stretch written, so that decoding and
+    // writing overlap and an hour of audio does not pile up as dirty memory.
+    m_audWriter.SetWritebackInterval(kWritebackBytes, LWriteBehind::GetDirtyAllowance());
+    if (expectedFrames > 0) {
+        m_audWriter.SetExpectedBytes(static_cast<std::uint64_t>(expectedFrames) * GetChannels() *
+                                     sizeof(float));
+    }
     m_audWriter.Start(m_aud);
 }
 
@@ -166,6 +178,7 @@ void LSoundCacheSink::Write(float const* buffer, long long frames) {
     if (IsFailed() || m_finished || buffer == nullptr || frames <= 0) {
         return;
     }
+    Start(0);
     unsigned const channels = GetChannels();
     std::size_t const bytes = static_cast<std::size_t>(frames) * channels * sizeof(float);
     if (!m_audWriter.Write(buffer, bytes)) {
@@ -187,6 +200,7 @@ void LSoundCacheSink::Write(float const* buffer, long long frames) {
 }
 
 void LSoundCacheSink::Flush() {
+    Start(0);
     if (!IsFailed() && !m_finished && !m_audWriter.Flush()) {
         (void)m_audWriter.Finish();
         FailWith(m_audWriter.GetSystemError());
@@ -335,6 +349,7 @@ LProcessResult LSoundCacheItemAdd(LProcessInterface& process, LSoundSource& sour
         LMakeSink<LSoundCacheSink>(item, source->GetSampleRate(), source->GetChannels());
     LProcessResult result = LProcessResult::kFailed;
     if (!sink->IsFailed()) {
+        sink.GetAs<LSoundCacheSink>()->Start(source->GetRemainingFrames());
         LPRSourceToSink copy("", source, sink, false);
         result = Process(process, copy);
     }

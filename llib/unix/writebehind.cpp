@@ -2,10 +2,12 @@
 #include "llib/unix/writebehind.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 LWriteBehind::LWriteBehind(std::size_t bufferBytes)
@@ -20,6 +22,12 @@ void LWriteBehind::Start(LFileDescriptor& fd) {
     m_fd = &fd;
     off_t const origin = lseek(fd.Get(), 0, SEEK_CUR);
     m_origin = origin < 0 ? 0 : static_cast<std::int64_t>(origin);
+    m_writebackFrom = std::max(m_writebackFrom, m_writebackAfter);
+    if (m_expected > 0) {
+        // Only a hint: without it the file system allocates as the pages come.
+        (void)fallocate(fd.Get(), FALLOC_FL_KEEP_SIZE, static_cast<off_t>(m_origin),
+                        static_cast<off_t>(m_expected));
+    }
     m_threaded = m_thread.Start([this] { Run(); });
 }
 
@@ -29,7 +37,8 @@ bool LWriteBehind::Drain(void const* data, std::size_t bytes) {
         return false;
     }
     m_written += bytes;
-    if (m_writebackInterval > 0 && m_written - m_writebackFrom >= m_writebackInterval) {
+    if (m_writebackInterval > 0 && m_written > m_writebackFrom &&
+        m_written - m_writebackFrom >= m_writebackInterval) {
         // Only a hint: a failure here leaves the kernel's own writeback to do the work.
         (void)sync_file_range(m_fd->Get(), m_origin + static_cast<off_t>(m_writebackFrom),
                               static_cast<off_t>(m_written - m_writebackFrom),
@@ -113,6 +122,47 @@ bool LWriteBehind::Finish() {
         m_thread.Join();
         m_threaded = false;
     }
+    if (m_expected > 0 && m_fd != nullptr) {
+        // Blocks reserved past the end (a source shorter than announced) go back to the disk.
+        struct stat st {};
+        if (fstat(m_fd->Get(), &st) == 0) {
+            (void)ftruncate(m_fd->Get(), st.st_size);
+        }
+        m_expected = 0;
+    }
     std::lock_guard<std::mutex> lock(m_mutex);
     return !m_failed;
+}
+
+std::uint64_t LWriteBehind::GetDirtyAllowance() {
+    static std::uint64_t const allowance = [] {
+        constexpr std::uint64_t kFallback = std::uint64_t{64} << 20;
+        auto readNumber = [](char const* path, char const* key) -> std::uint64_t {
+            std::FILE* f = std::fopen(path, "r");
+            if (f == nullptr) {
+                return 0;
+            }
+            char line[256];
+            unsigned long long value = 0;
+            std::size_t const keyLength = std::strlen(key);
+            while (std::fgets(line, sizeof line, f) != nullptr) {
+                if (std::strncmp(line, key, keyLength) == 0 &&
+                    std::sscanf(line + keyLength, "%llu", &value) == 1) {
+                    break;
+                }
+            }
+            std::fclose(f);
+            return value;
+        };
+        // The kernel's background threshold is either a byte count or a share of the memory
+        // that can hold file pages, of which the available memory is a fair estimate.
+        std::uint64_t threshold = readNumber("/proc/sys/vm/dirty_background_bytes", "");
+        if (threshold == 0) {
+            std::uint64_t const ratio = readNumber("/proc/sys/vm/dirty_background_ratio", "");
+            std::uint64_t const availableKiB = readNumber("/proc/meminfo", "MemAvailable:");
+            threshold = availableKiB * 1024 / 100 * ratio;
+        }
+        return threshold > 0 ? threshold / 2 : kFallback;
+    }();
+    return allowance;
 }

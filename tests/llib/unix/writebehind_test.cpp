@@ -4,6 +4,7 @@
 #include "tests/support/tempdir.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 
@@ -55,6 +56,32 @@ TEST_F(WriteBehindTest, FlushPutsEverythingWrittenInTheFile) {
     ASSERT_TRUE(writer.Flush());
     EXPECT_EQ(ReadFileBytes(path), first + "bc");
     EXPECT_TRUE(writer.Finish());
+}
+
+// Room reserved for more than comes: the file holds what was written, and the blocks reserved
+// past it are given back when the writer finishes.
+TEST_F(WriteBehindTest, AReservationLeavesTheSizeToTheWritesAndGivesBackTheRest) {
+    std::string const path = PathOf("reserved.bin");
+    LFileDescriptor fd;
+    ASSERT_TRUE(fd.Open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    std::string const data(5000, 'r');
+    constexpr std::uint64_t kReserved = std::uint64_t{64} << 20;
+    struct stat st {};
+    {
+        LWriteBehind writer(4096);
+        writer.SetExpectedBytes(kReserved);
+        writer.Start(fd);
+        ASSERT_TRUE(writer.Write(data.data(), data.size()));
+        ASSERT_TRUE(writer.Flush());
+        ASSERT_EQ(fstat(fd.Get(), &st), 0);
+        EXPECT_EQ(st.st_size, 5000) << "the reservation must not count as data";
+        EXPECT_TRUE(writer.Finish());
+    }
+    ASSERT_EQ(fstat(fd.Get(), &st), 0);
+    EXPECT_EQ(st.st_size, 5000);
+    EXPECT_LT(static_cast<std::uint64_t>(st.st_blocks) * 512, std::uint64_t{1} << 20);
+    ASSERT_TRUE(fd.Close());
+    EXPECT_EQ(ReadFileBytes(path), data);
 }
 
 // A device that is always full: the failure comes back at a later Write, Flush or Finish,

@@ -183,6 +183,9 @@ public:
     LSoundCacheSink(unsigned short item, int sampleRateHz, unsigned char channels);
     ~LSoundCacheSink() override;
 
+    // Starts the writer, with room reserved for `expectedFrames` (0: unknown). The first Write
+    // starts it when this was not called.
+    void Start(long long expectedFrames);
     void Write(float const* buffer, long long frames) override;
     // Writes the last partial peak group, closes the files and writes ".audinfo"; false when any
     // of it failed. Later calls do nothing and repeat the result.
@@ -212,6 +215,7 @@ private:
     float m_max[256] = {};
     float m_min[256] = {};
     int m_systemError = 0;
+    bool m_started = false;
     bool m_finished = false;
     bool m_finishResult = false;
 };

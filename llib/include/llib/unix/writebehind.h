@@ -27,9 +27,21 @@ public:
     // they go straight to the descriptor. The descriptor must outlive Finish.
     void Start(LFileDescriptor& fd);
     // Asks the kernel to start writing to disk after every `bytes` written (0: never), so that a
-    // long file does not pile up as dirty memory for the kernel to flush all at once later. Set
-    // before Start.
-    void SetWritebackInterval(std::uint64_t bytes) { m_writebackInterval = bytes; }
+    // long file does not pile up as dirty memory for the kernel to flush all at once later. The
+    // first `after` bytes are left to the kernel's own writeback. Set before Start.
+    void SetWritebackInterval(std::uint64_t bytes, std::uint64_t after = 0) {
+        m_writebackInterval = bytes;
+        m_writebackAfter = after;
+    }
+    // Reserves `bytes` of disk from the descriptor's position on without changing the file's
+    // size, so that the file system allocates once rather than page by page; Finish gives back
+    // what was not written. Only a hint. Set before Start.
+    void SetExpectedBytes(std::uint64_t bytes) { m_expected = bytes; }
+    // How much a writer may leave dirty before starting writeback itself: half of what the
+    // kernel lets pile up before its own background writeback begins, so that a file that fits
+    // costs no writeback while the program waits on it, and a long one is paced before the
+    // kernel would throttle every writer.
+    [[nodiscard]] static std::uint64_t GetDirtyAllowance();
     // Appends `bytes`; false once any write has failed.
     [[nodiscard]] bool Write(void const* data, std::size_t bytes);
     // Returns once everything appended so far is in the file (for readers of the file while it
@@ -55,6 +67,8 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::uint64_t m_writebackInterval = 0;
+    std::uint64_t m_writebackAfter = 0;
+    std::uint64_t m_expected = 0;
     std::uint64_t m_written = 0;       // bytes written since Start
     std::uint64_t m_writebackFrom = 0; // where the next writeback starts, relative to Start
     std::int64_t m_origin = 0;         // the descriptor's position at Start
