@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -77,6 +78,27 @@ TEST(SampleFormats, SixteenBitOutRoundsHalfAwayFromZeroAndSaturates) {
     EXPECT_EQ(le[0].bytes[1], 0x7F);
     EXPECT_EQ(be[0].bytes[0], 0x7F);
     EXPECT_EQ(be[0].bytes[1], 0xFF);
+}
+
+// Products at and next to every half step, where a product rounded to single precision can
+// land exactly on the half although the exact one does not; the reference rounds in double,
+// where the product is exact.
+TEST(SampleFormats, SixteenBitOutRoundsTheExactProductNearEveryHalfStep) {
+    std::vector<float> in;
+    for (int k = -32769; k <= 32767; ++k) {
+        auto const half = static_cast<float>((k + 0.5) / 32767.0);
+        for (float x : {std::nextafter(half, -2.0f), half, std::nextafter(half, 2.0f)}) {
+            in.push_back(x);
+            in.push_back(-x);
+        }
+    }
+    std::vector<LSF16> const le = Out<LSF16>(in);
+    for (std::size_t i = 0; i < in.size(); ++i) {
+        double const product = static_cast<double>(in[i]) * 32767.0;
+        double const rounded = std::copysign(std::floor(std::fabs(product) + 0.5), product);
+        auto const expected = static_cast<int>(std::clamp(rounded, -32768.0, 32767.0));
+        ASSERT_EQ(S16(le[i]), expected) << "x = " << in[i];
+    }
 }
 
 TEST(SampleFormats, SixteenBitRoundTripsEveryCode) {
