@@ -108,6 +108,7 @@ LSoundPlayer::~LSoundPlayer() {
 bool LSoundPlayer::Play(LSoundSource const& source, long long documentFrame, std::string& error) {
     Stop();
     error.clear();
+    m_error.clear();
     LAudioFormat actual;
     std::string reason;
     if (!m_device.Open(source->GetSampleRate(), source->GetChannels(), actual, reason)) {
@@ -205,6 +206,19 @@ long long LSoundPlayer::PositionAfter(long long playedFrames) const {
 
 void LSoundPlayer::RetireIfEnded() const {
     if (!m_active) {
+        return;
+    }
+    if (std::string reason; m_device.HasFailed(reason)) {
+        // What was heard stays the position; the thread may be waiting for room that will never
+        // come, so it is told to stop before the join.
+        m_stoppedPosition =
+            PositionAfter(std::min(m_device.GetPlayedFrames(), m_ring->GetFramesRead()));
+        m_stopRequested.store(true, std::memory_order_release);
+        m_device.Stop();
+        m_thread.Join();
+        m_chain.Close();
+        m_active = false;
+        m_error = "The audio output device stopped during playback (" + reason + ").";
         return;
     }
     long long const queued = m_queuedTotal.load(std::memory_order_acquire);

@@ -116,6 +116,12 @@ void LSoundRecorder::Pump() {
     if (!m_recording) {
         return;
     }
+    // A device that failed captures nothing more: what it did capture is still moved.
+    std::string reason;
+    bool const deviceFailed = m_deviceRunning && m_device.HasFailed(reason);
+    if (deviceFailed) {
+        StopDevice();
+    }
     long long frames = 0;
     while ((frames = m_ring->Read(m_captured.data(), kBlockFrames)) > 0) {
         MoveBlock(frames);
@@ -125,6 +131,11 @@ void LSoundRecorder::Pump() {
             m_recording = false;
             return;
         }
+    }
+    if (deviceFailed) {
+        m_error = "The audio input device stopped during recording (" + reason + ").";
+        m_sink.Close();
+        m_recording = false;
     }
 }
 

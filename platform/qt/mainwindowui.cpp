@@ -211,6 +211,9 @@ void SEMainWindow::StopPlayback() {
 void SEMainWindow::PollPlayer() {
     if (m_player == nullptr || !m_player->IsPlaying()) {
         StopPlayback();
+        if (m_player != nullptr && !m_player->GetError().empty()) {
+            (void)MessageBox("Play", m_player->GetError().c_str(), {"OK"});
+        }
         return;
     }
     if (SEWaveformView* page = FindWaveform(m_playingView)) {
@@ -271,6 +274,15 @@ void SEMainWindow::PollRecorder() {
         return;
     }
     m_recorder->Pump();
+    if (!m_recorder->IsRecording()) {
+        // It ended on its own: what was captured is kept, as when the user stops.
+        std::string const why = m_recorder->GetError();
+        StopRecording();
+        if (!why.empty()) {
+            (void)MessageBox("Record", why.c_str(), {"OK"});
+        }
+        return;
+    }
     float level = 0.0f;
     for (unsigned ch = 0; ch < kRecordChannels; ++ch) {
         level = std::max(level, m_recorder->TakePeakLevel(ch));

@@ -226,6 +226,17 @@ bool StartQtAudio(QAudioDevice const& device, QAudioFormat const& format, QIODev
     return true;
 }
 
+// A started Qt object that stopped on its own with an error: the server went away or the device
+// was unplugged. An idle one (a pulling sink that found the ring empty) has not failed.
+template <class TQtAudio>
+bool QtAudioFailed(std::unique_ptr<TQtAudio> const& audio, std::string& reason) {
+    if (!audio || audio->state() != QAudio::StoppedState || audio->error() == QAudio::NoError) {
+        return false;
+    }
+    reason = StartErrorText(audio->error());
+    return true;
+}
+
 // The Qt object goes first: it may still read from or write to the feed while it stops.
 template <class TQtAudio>
 void StopQtAudio(std::unique_ptr<TQtAudio>& audio, std::unique_ptr<QIODevice>& feed) {
@@ -262,6 +273,11 @@ bool LQtAudioOutput::Start(LAudioRing& ring, std::string& error) {
 void LQtAudioOutput::Stop() {
     StopQtAudio(m_sink, m_feed);
     m_ring = nullptr;
+    m_playedHigh = 0;
+}
+
+bool LQtAudioOutput::HasFailed(std::string& reason) const {
+    return QtAudioFailed(m_sink, reason);
 }
 
 long long LQtAudioOutput::GetPlayedFrames() const {
@@ -270,7 +286,8 @@ long long LQtAudioOutput::GetPlayedFrames() const {
     }
     long long const processed =
         LMulDivFloor(m_sink->processedUSecs(), m_format.sampleRate(), 1000000);
-    return std::min(processed, m_ring->GetFramesRead());
+    m_playedHigh = std::max(m_playedHigh, std::min(processed, m_ring->GetFramesRead()));
+    return m_playedHigh;
 }
 
 LQtAudioInput::LQtAudioInput(QByteArray deviceId) : m_deviceId(std::move(deviceId)) {}
@@ -294,4 +311,8 @@ bool LQtAudioInput::Start(LAudioRing& ring, std::string& error) {
 
 void LQtAudioInput::Stop() {
     StopQtAudio(m_source, m_feed);
+}
+
+bool LQtAudioInput::HasFailed(std::string& reason) const {
+    return QtAudioFailed(m_source, reason);
 }

@@ -43,6 +43,7 @@ public:
     void Stop() override;
     // Qt's count of the microseconds the sink has processed, capped by what it has pulled.
     [[nodiscard]] long long GetPlayedFrames() const override;
+    [[nodiscard]] bool HasFailed(std::string& reason) const override;
 
 private:
     QByteArray m_deviceId;
@@ -51,6 +52,8 @@ private:
     std::unique_ptr<QIODevice> m_feed;
     std::unique_ptr<QAudioSink> m_sink;
     LAudioRing* m_ring = nullptr;
+    // The most reported since Start: a sink that stopped on an error counts from 0 again.
+    mutable long long m_playedHigh = 0;
 };
 
 class LQtAudioInput final : public LAudioInputDevice {
@@ -64,6 +67,7 @@ public:
                             std::string& error) override;
     [[nodiscard]] bool Start(LAudioRing& ring, std::string& error) override;
     void Stop() override;
+    [[nodiscard]] bool HasFailed(std::string& reason) const override;
 
 private:
     QByteArray m_deviceId;

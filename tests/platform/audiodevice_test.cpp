@@ -43,6 +43,28 @@ bool WaitFor(std::function<bool()> const& done, int ms) {
     return true;
 }
 
+// Runs the test matching `filter` in a fresh process (this binary) with `mark` naming a new
+// folder for it, and expects it to pass; false in that child, which then runs the test itself.
+// Qt Multimedia keeps the sound server it met first in a process, so a test that needs a server
+// of its own (or none) runs apart.
+bool RanInAFreshProcess(char const* mark, char const* filter) {
+    if (std::getenv(mark) != nullptr) {
+        return false;
+    }
+    std::string const folder = MakeTempDir("tessel-child");
+    EXPECT_FALSE(folder.empty());
+    ::setenv(mark, folder.c_str(), 1);
+    std::string output;
+    int const status =
+        RunTool({"/proc/self/exe", std::string("--gtest_filter=") + filter}, &output);
+    ::unsetenv(mark);
+    std::error_code ec;
+    std::filesystem::remove_all(folder, ec);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("[  PASSED  ] 1 test"), std::string::npos) << output;
+    return true;
+}
+
 LSoundSource MakeTone(double seconds) {
     return MakeBufferSource(
         kRateHz, 2, MakeSine(kRateHz, 2, 440.0, 0.5, static_cast<long long>(seconds * kRateHz)));
@@ -197,19 +219,7 @@ TEST_F(AudioDevice, RecordingTheMonitorWhilePlayingHearsThePlayback) {
 // test ran, "no server" could not be arranged. The child is this binary running only this test.
 TEST(AudioDeviceNoServer, PlayAndRecordFailWithAReason) {
     char const* const kChildMark = "TESSEL_AUDIO_NO_SERVER_CHILD";
-    if (std::getenv(kChildMark) == nullptr) {
-        std::string const empty = MakeTempDir("tessel-noserver");
-        ASSERT_FALSE(empty.empty());
-        ::setenv(kChildMark, empty.c_str(), 1);
-        std::string output;
-        int const status = RunTool(
-            {"/proc/self/exe", "--gtest_filter=AudioDeviceNoServer.PlayAndRecordFailWithAReason"},
-            &output);
-        ::unsetenv(kChildMark);
-        std::error_code ec;
-        std::filesystem::remove_all(empty, ec);
-        EXPECT_EQ(status, 0) << output;
-        EXPECT_NE(output.find("[  PASSED  ] 1 test"), std::string::npos) << output;
+    if (RanInAFreshProcess(kChildMark, "AudioDeviceNoServer.*")) {
         return;
     }
 
@@ -238,4 +248,56 @@ TEST(AudioDeviceNoServer, PlayAndRecordFailWithAReason) {
     std::cout << "Record: " << error << "\n";
     EXPECT_EQ(sink.GetReferenceCount(), 1);
     QTest::qWait(100);
+}
+
+// A sound server that goes away mid-playback and mid-recording: both end on their own with a
+// sentence, the play position stays where the sound was heard, and the recording keeps what it
+// captured. In a fresh process with a daemon of its own, which it kills.
+TEST(AudioDeviceServerGone, PlaybackAndRecordingEndWithAReason) {
+    char const* const kChildMark = "TESSEL_AUDIO_SERVER_GONE_CHILD";
+    TESSEL_REQUIRE_TOOL("pulseaudio");
+    if (RanInAFreshProcess(kChildMark, "AudioDeviceServerGone.*")) {
+        return;
+    }
+
+    ::setenv("XDG_RUNTIME_DIR", std::getenv(kChildMark), 1);
+    ::unsetenv("PULSE_SERVER");
+    ASSERT_EQ(RunTool({"pulseaudio", "-D", "-n", "--exit-idle-time=-1", "--system=false",
+                       "--load=module-native-protocol-unix",
+                       "--load=module-null-sink sink_name=tessel_null rate=48000",
+                       "--load=module-remap-source master=tessel_null.monitor "
+                       "source_name=tessel_mic"}),
+              0);
+    LQtAudioOutput output;
+    LSoundPlayer player(output);
+    LQtAudioInput input("tessel_mic");
+    LSoundRecorder recorder(input);
+    LSoundSink sink = LMakeSink<LTestCapturingSink>(kRateHz, 2);
+    LSoundSource source = MakeTone(20.0);
+    std::string error;
+    ASSERT_TRUE(player.Play(source, 0, error)) << error;
+    ASSERT_TRUE(recorder.Start(sink, kRateHz, 2, error)) << error;
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            recorder.Pump();
+            return player.GetPlayPosition() > kRateHz / 4 && recorder.GetRecordedFrames() > 0;
+        },
+        4000));
+
+    (void)RunTool({"pulseaudio", "--kill"});
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            recorder.Pump();
+            return !player.IsPlaying() && !recorder.IsRecording();
+        },
+        5000));
+    EXPECT_TRUE(player.GetError().starts_with("The audio output device stopped during playback ("))
+        << player.GetError();
+    EXPECT_GT(player.GetPlayPosition(), kRateHz / 4);
+    EXPECT_EQ(source.GetReferenceCount(), 1);
+    EXPECT_TRUE(
+        recorder.GetError().starts_with("The audio input device stopped during recording ("))
+        << recorder.GetError();
+    EXPECT_GT(sink->GetFramesWritten(), 0);
+    EXPECT_EQ(sink.GetReferenceCount(), 1);
 }

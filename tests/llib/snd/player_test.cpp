@@ -37,12 +37,17 @@ public:
         ring = nullptr;
         m_open = false;
     }
+    bool HasFailed(std::string& reason) const override {
+        reason = runFailure;
+        return ring != nullptr && !runFailure.empty();
+    }
     // Open and not yet stopped: a failed Start must still be followed by Stop.
     [[nodiscard]] bool IsOpen() const { return m_open; }
 
     LAudioFormat offer;
     std::string openFailure;
     std::string startFailure;
+    std::string runFailure; // once set, the started device has stopped on its own
     LAudioFormat format;
     LAudioRing* ring = nullptr;
 
@@ -220,6 +225,27 @@ TEST_F(SoundPlayer, StopMidwayReleasesTheSourceAndKeepsThePosition) {
     EXPECT_EQ(source.GetReferenceCount(), 1);
 }
 
+// A sound server that goes away mid-playback: the playback ends where it was heard, with a
+// sentence, the source released and the device closed; the next Play starts clean.
+TEST_F(SoundPlayer, DeviceFailingWhilePlayingEndsThePlaybackWithASentence) {
+    LSoundSource source = LMakeSource<LTestStaircaseSource>(44100, 1, 441000);
+    ASSERT_TRUE(m_player.Play(source, 200, m_error)) << m_error;
+    ASSERT_EQ(m_output.Advance(1000), 1000);
+    LSleepMs(50); // the thread fills the ring and waits for room that will not come
+    m_output.runFailure = "the sound server went away";
+    EXPECT_FALSE(m_player.IsPlaying());
+    EXPECT_EQ(m_player.GetError(),
+              "The audio output device stopped during playback (the sound server went away).");
+    EXPECT_EQ(m_player.GetPlayPosition(), 1200);
+    EXPECT_FALSE(m_output.IsOpen());
+    EXPECT_EQ(source.GetReferenceCount(), 1);
+
+    m_output.runFailure.clear();
+    ASSERT_TRUE(m_player.Play(source, 0, m_error)) << m_error;
+    EXPECT_TRUE(m_player.GetError().empty());
+    EXPECT_TRUE(m_player.IsPlaying());
+}
+
 TEST_F(SoundPlayer, DeviceThatCannotStartGivesASentenceAndPlaysNothing) {
     struct Case {
         unsigned offeredChannels;
@@ -355,6 +381,25 @@ TEST_F(SoundRecorder, SinkThatFailsEndsTheRecordingWithAReason) {
     EXPECT_FALSE(m_recorder.GetError().empty());
     EXPECT_FALSE(m_input.IsOpen());
     EXPECT_EQ(m_recorder.GetRecordedFrames(), 100);
+    EXPECT_EQ(sink.GetReferenceCount(), 1);
+}
+
+// An input that fails mid-recording: what it captured before is still written, then the
+// recording ends with a sentence and lets the sink and the device go.
+TEST_F(SoundRecorder, DeviceFailingWhileRecordingKeepsWhatItCaptured) {
+    LSoundSink sink = LMakeSink<LTestCapturingSink>(8000, 1);
+    ASSERT_TRUE(m_recorder.Start(sink, 8000, 1, m_error)) << m_error;
+    m_input.Capture(Stairs(0, 300, 1));
+    m_recorder.Pump();
+    m_input.Capture(Stairs(300, 200, 1));
+    m_input.runFailure = "the device was unplugged";
+    m_recorder.Pump();
+    EXPECT_FALSE(m_recorder.IsRecording());
+    EXPECT_EQ(m_recorder.GetError(),
+              "The audio input device stopped during recording (the device was unplugged).");
+    EXPECT_EQ(m_recorder.GetRecordedFrames(), 500);
+    EXPECT_EQ(sink.GetAs<LTestCapturingSink>()->GetSamples(), Stairs(0, 500, 1));
+    EXPECT_FALSE(m_input.IsOpen());
     EXPECT_EQ(sink.GetReferenceCount(), 1);
 }
 

@@ -88,6 +88,12 @@ public:
     // Stops at once and closes; afterwards the device no longer touches the ring. Harmless when
     // the device is not open.
     virtual void Stop() = 0;
+    // True once a started device has stopped moving audio on its own (the sound server went
+    // away, the device was unplugged), with a short reason in `reason`; Stop clears it.
+    [[nodiscard]] virtual bool HasFailed(std::string& reason) const {
+        (void)reason;
+        return false;
+    }
 };
 
 // Takes frames from the ring; an empty ring plays silence that does not count as played.
@@ -121,6 +127,9 @@ public:
     [[nodiscard]] bool IsPlaying() const;
     // The document frame being heard now; after the end or a Stop, where the sound stopped.
     [[nodiscard]] long long GetPlayPosition() const;
+    // Why the last playback ended before its end (a sentence for the user): empty unless the
+    // device failed while playing, which IsPlaying finds and ends like a Stop. Play clears it.
+    [[nodiscard]] std::string const& GetError() const { return m_error; }
 
 private:
     void Run();
@@ -130,21 +139,23 @@ private:
     long long QueueBlock(long long frames);
     [[nodiscard]] bool IsQueueComplete() const;
     [[nodiscard]] long long PositionAfter(long long playedFrames) const;
-    // Ends a playback whose last frame has been heard (owner thread).
+    // Ends a playback whose last frame has been heard, or whose device failed (owner thread).
     void RetireIfEnded() const;
 
     LAudioOutputDevice& m_device;
-    // What the thread drives; the owner touches these only before it starts and after it ends.
-    LSoundSource m_chain;
+    // What the thread drives; the owner touches these only before it starts and after it ends
+    // (a query that finds the device failed releases the chain, hence mutable).
+    mutable LSoundSource m_chain;
     std::vector<float> m_block;
     std::unique_ptr<LAudioRing> m_ring;
-    std::atomic<bool> m_stopRequested{false};
+    mutable std::atomic<bool> m_stopRequested{false}; // mutable: a failed device ends the thread
     // Every frame the source gave, once it has given its last; -1 before.
     std::atomic<long long> m_queuedTotal{-1};
     // Owner thread. A const query that finds the end retires the playback, hence mutable.
     mutable LThread m_thread;
     mutable bool m_active = false;
     mutable long long m_stoppedPosition = 0;
+    mutable std::string m_error;
     long long m_chainStartFrame = 0; // at the device's rate
     long long m_documentFrame = 0;
     int m_sourceRateHz = 0;

@@ -13,8 +13,9 @@
 // device's channels in turn (sink channel k from device channel k mod n). The device must
 // capture at the sink's rate: converting a pushed stream's rate would need a look-ahead the
 // ring cannot promise, so another rate is a failure. Units: frames, Hz, float samples with full
-// scale +-1. Failures are values: Start returns false with a sentence for the user; a sink that
-// fails while recording ends the recording and leaves its reason in GetError.
+// scale +-1. Failures are values: Start returns false with a sentence for the user; a sink or a
+// device that fails while recording ends the recording (keeping what was captured) and leaves
+// its reason in GetError.
 
 #include "llib/snd/player.h"
 #include "llib/snd/soundsink.h"
