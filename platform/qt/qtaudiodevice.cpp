@@ -146,7 +146,8 @@ std::string NoDeviceText(char const* kind, QByteArray const& id) {
     return std::string("there is no audio ") + kind + " called \"" + id.toStdString() + "\"";
 }
 
-bool PickFormat(QAudioDevice const& device, int rateHz, unsigned channels, QAudioFormat& out) {
+bool PickFormat(QAudioDevice const& device, int rateHz, unsigned channels, LQtSampleFormats formats,
+                QAudioFormat& out) {
     QAudioFormat const preferred = device.preferredFormat();
     int const rates[3] = {
         rateHz, std::clamp(rateHz, device.minimumSampleRate(), device.maximumSampleRate()),
@@ -158,6 +159,9 @@ bool PickFormat(QAudioDevice const& device, int rateHz, unsigned channels, QAudi
     for (int k = 0; k < 3; ++k) {
         for (QAudioFormat::SampleFormat const sampleFormat :
              {QAudioFormat::Float, QAudioFormat::Int16}) {
+            if (sampleFormat == QAudioFormat::Float && formats == LQtSampleFormats::kInt16Only) {
+                continue;
+            }
             QAudioFormat format;
             format.setSampleRate(rates[k]);
             format.setChannelCount(counts[k]);
@@ -174,16 +178,19 @@ bool PickFormat(QAudioDevice const& device, int rateHz, unsigned channels, QAudi
 // Shared by both directions: find the device, then a format it takes; a failure leaves no
 // device chosen.
 bool OpenDevice(QList<QAudioDevice> const& devices, QAudioDevice const& fallback, char const* kind,
-                QByteArray const& id, int rateHz, unsigned channels, QAudioDevice& device,
-                QAudioFormat& format, LAudioFormat& actual, std::string& error) {
+                QByteArray const& id, LQtSampleFormats formats, int rateHz, unsigned channels,
+                QAudioDevice& device, QAudioFormat& format, LAudioFormat& actual,
+                std::string& error) {
     device = FindDevice(devices, fallback, id);
     if (device.isNull()) {
         error = NoDeviceText(kind, id);
         return false;
     }
-    if (!PickFormat(device, rateHz, channels, format)) {
+    if (!PickFormat(device, rateHz, channels, formats, format)) {
         error = "the audio " + std::string(kind) + " \"" + device.description().toStdString() +
-                "\" takes neither 32-bit float nor 16-bit samples";
+                (formats == LQtSampleFormats::kInt16Only
+                     ? "\" does not take 16-bit samples"
+                     : "\" takes neither 32-bit float nor 16-bit samples");
         device = {};
         return false;
     }
@@ -249,7 +256,8 @@ void StopQtAudio(std::unique_ptr<TQtAudio>& audio, std::unique_ptr<QIODevice>& f
 
 } // namespace
 
-LQtAudioOutput::LQtAudioOutput(QByteArray deviceId) : m_deviceId(std::move(deviceId)) {}
+LQtAudioOutput::LQtAudioOutput(QByteArray deviceId, LQtSampleFormats formats)
+    : m_deviceId(std::move(deviceId)), m_formats(formats) {}
 
 LQtAudioOutput::~LQtAudioOutput() {
     Stop();
@@ -258,7 +266,7 @@ LQtAudioOutput::~LQtAudioOutput() {
 bool LQtAudioOutput::Open(int rateHz, unsigned channels, LAudioFormat& actual, std::string& error) {
     Stop();
     return OpenDevice(QMediaDevices::audioOutputs(), QMediaDevices::defaultAudioOutput(), "output",
-                      m_deviceId, rateHz, channels, m_device, m_format, actual, error);
+                      m_deviceId, m_formats, rateHz, channels, m_device, m_format, actual, error);
 }
 
 bool LQtAudioOutput::Start(LAudioRing& ring, std::string& error) {
@@ -290,7 +298,8 @@ long long LQtAudioOutput::GetPlayedFrames() const {
     return m_playedHigh;
 }
 
-LQtAudioInput::LQtAudioInput(QByteArray deviceId) : m_deviceId(std::move(deviceId)) {}
+LQtAudioInput::LQtAudioInput(QByteArray deviceId, LQtSampleFormats formats)
+    : m_deviceId(std::move(deviceId)), m_formats(formats) {}
 
 LQtAudioInput::~LQtAudioInput() {
     Stop();
@@ -299,7 +308,7 @@ LQtAudioInput::~LQtAudioInput() {
 bool LQtAudioInput::Open(int rateHz, unsigned channels, LAudioFormat& actual, std::string& error) {
     Stop();
     return OpenDevice(QMediaDevices::audioInputs(), QMediaDevices::defaultAudioInput(), "input",
-                      m_deviceId, rateHz, channels, m_device, m_format, actual, error);
+                      m_deviceId, m_formats, rateHz, channels, m_device, m_format, actual, error);
 }
 
 bool LQtAudioInput::Start(LAudioRing& ring, std::string& error) {

@@ -8,8 +8,8 @@
 //
 // Formats: the rate and channel count asked for, in 32-bit float when the device takes it and
 // 16-bit integers otherwise; failing both, the rate and channel count clamped to the device's
-// range, then the device's preferred ones, each again float before 16-bit. Open answers the
-// format chosen. A device is chosen by QAudioDevice::id(); an empty id takes the default.
+// range, then the device's preferred ones, each again float before 16-bit (or 16-bit alone, when
+// made with LQtSampleFormats::kInt16Only). Open answers the format chosen. A device is chosen by QAudioDevice::id(); an empty id takes the default.
 //
 // Threads: Qt's audio objects belong to the thread with the event loop that made them, so every
 // call comes from the GUI main thread, and the pulls and pushes arrive there too, from that
@@ -30,9 +30,14 @@ class QAudioSink;
 class QAudioSource;
 class QIODevice;
 
+// The sample formats a device may be given: 32-bit float where it takes it, else 16-bit; or
+// 16-bit only, for a device whose float path is broken.
+enum class LQtSampleFormats : unsigned char { kFloatOrInt16, kInt16Only };
+
 class LQtAudioOutput final : public LAudioOutputDevice {
 public:
-    explicit LQtAudioOutput(QByteArray deviceId = {});
+    explicit LQtAudioOutput(QByteArray deviceId = {},
+                            LQtSampleFormats formats = LQtSampleFormats::kFloatOrInt16);
     ~LQtAudioOutput() override;
     LQtAudioOutput(LQtAudioOutput const&) = delete;
     LQtAudioOutput& operator=(LQtAudioOutput const&) = delete;
@@ -47,6 +52,7 @@ public:
 
 private:
     QByteArray m_deviceId;
+    LQtSampleFormats m_formats;
     QAudioDevice m_device;
     QAudioFormat m_format;
     std::unique_ptr<QIODevice> m_feed;
@@ -58,7 +64,8 @@ private:
 
 class LQtAudioInput final : public LAudioInputDevice {
 public:
-    explicit LQtAudioInput(QByteArray deviceId = {});
+    explicit LQtAudioInput(QByteArray deviceId = {},
+                           LQtSampleFormats formats = LQtSampleFormats::kFloatOrInt16);
     ~LQtAudioInput() override;
     LQtAudioInput(LQtAudioInput const&) = delete;
     LQtAudioInput& operator=(LQtAudioInput const&) = delete;
@@ -71,6 +78,7 @@ public:
 
 private:
     QByteArray m_deviceId;
+    LQtSampleFormats m_formats;
     QAudioDevice m_device;
     QAudioFormat m_format;
     std::unique_ptr<QIODevice> m_feed;

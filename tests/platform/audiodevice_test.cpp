@@ -176,42 +176,51 @@ TEST_F(AudioDevice, ShortSoundEndsOnItsOwnAtItsLastFrame) {
 }
 
 // What the player sends to the null sink comes back through its monitor, so the recording
-// carries the tone.
+// carries the tone, in real time and at its level (0.5): a conversion with the wrong scale or
+// byte order would not. Both ways of moving samples: float, and the 16-bit fallback.
 TEST_F(AudioDevice, RecordingTheMonitorWhilePlayingHearsThePlayback) {
-    LSoundSource source = MakeTone(20.0);
-    ASSERT_TRUE(m_player.Play(source, 0, m_error)) << m_error;
+    for (LQtSampleFormats const formats :
+         {LQtSampleFormats::kFloatOrInt16, LQtSampleFormats::kInt16Only}) {
+        SCOPED_TRACE(formats == LQtSampleFormats::kInt16Only ? "16-bit" : "float");
+        LQtAudioOutput output({}, formats);
+        LSoundPlayer player(output);
+        LSoundSource source = MakeTone(20.0);
+        ASSERT_TRUE(player.Play(source, 0, m_error)) << m_error;
 
-    LQtAudioInput input("tessel_mic");
-    LSoundRecorder recorder(input);
-    LSoundSink sink = LMakeSink<LTestCapturingSink>(kRateHz, 2);
-    ASSERT_TRUE(recorder.Start(sink, kRateHz, 2, m_error)) << m_error;
-    float peak = 0.0f;
-    auto pump = [&] {
-        recorder.Pump();
-        peak = std::max({peak, recorder.TakePeakLevel(0), recorder.TakePeakLevel(1)});
-        return recorder.GetRecordedFrames() > 0;
-    };
-    ASSERT_TRUE(WaitFor(pump, 4000)) << "nothing was recorded within 4 s";
+        LQtAudioInput input("tessel_mic", formats);
+        LSoundRecorder recorder(input);
+        LSoundSink sink = LMakeSink<LTestCapturingSink>(kRateHz, 2);
+        ASSERT_TRUE(recorder.Start(sink, kRateHz, 2, m_error)) << m_error;
+        float peak = 0.0f;
+        auto pump = [&] {
+            recorder.Pump();
+            peak = std::max({peak, recorder.TakePeakLevel(0), recorder.TakePeakLevel(1)});
+            return recorder.GetRecordedFrames() > 0;
+        };
+        ASSERT_TRUE(WaitFor(pump, 4000)) << "nothing was recorded within 4 s";
 
-    long long const before = recorder.GetRecordedFrames();
-    std::int64_t const start = LGetTickMs();
-    (void)WaitFor(
-        [&] {
-            (void)pump();
-            return LGetTickMs() - start >= 2000;
-        },
-        3000);
-    double const seconds = static_cast<double>(LGetTickMs() - start) / 1000.0;
-    double const recorded = static_cast<double>(recorder.GetRecordedFrames() - before) / kRateHz;
-    EXPECT_GT(recorded, 0.5 * seconds);
-    EXPECT_LT(recorded, 1.5 * seconds + 0.5);
-    EXPECT_GT(peak, 0.1f) << "the recording is silent";
-    EXPECT_EQ(recorder.GetLostFrames(), 0);
+        long long const before = recorder.GetRecordedFrames();
+        std::int64_t const start = LGetTickMs();
+        (void)WaitFor(
+            [&] {
+                (void)pump();
+                return LGetTickMs() - start >= 2000;
+            },
+            3000);
+        double const seconds = static_cast<double>(LGetTickMs() - start) / 1000.0;
+        double const recorded =
+            static_cast<double>(recorder.GetRecordedFrames() - before) / kRateHz;
+        EXPECT_GT(recorded, 0.5 * seconds);
+        EXPECT_LT(recorded, 1.5 * seconds + 0.5);
+        EXPECT_GT(peak, 0.45f) << "the recording is too quiet";
+        EXPECT_LT(peak, 0.55f) << "the recording is too loud";
+        EXPECT_EQ(recorder.GetLostFrames(), 0);
 
-    recorder.Stop();
-    m_player.Stop();
-    EXPECT_FALSE(recorder.IsRecording());
-    EXPECT_EQ(sink.GetReferenceCount(), 1);
+        recorder.Stop();
+        player.Stop();
+        EXPECT_FALSE(recorder.IsRecording());
+        EXPECT_EQ(sink.GetReferenceCount(), 1);
+    }
 }
 
 // With no server, starting fails at once with a reason and nothing else is harmed. It runs in a
