@@ -201,6 +201,7 @@ void SEMainWindow::BuildMenus() {
     AddCommand(play, kRecord, tr("&Record New File"), QKeySequence(Qt::CTRL | Qt::Key_R));
     AddCommand(play, D::kRecordAtCursor, tr("Record at Cursor"));
     AddCommand(play, D::kRecordStop, tr("Stop Recording"));
+    AddCommand(play, D::kRecordFormat, tr("Recording &Format..."));
 
     // The desktop theme's icons where it has them, else the style's own.
     struct Icon {
@@ -381,7 +382,8 @@ void SEMainWindow::UpdateEnabling() {
             if (id != SECmd::kUndo && id != SECmd::kRedo) {
                 action->setEnabled(info->built && (document || !info->needsDocument));
             }
-        } else if (id != SEDesktopCmd::kQuit && id != SEDesktopCmd::kRecordStop) {
+        } else if (id != SEDesktopCmd::kQuit && id != SEDesktopCmd::kRecordStop &&
+                   id != SEDesktopCmd::kRecordFormat) {
             action->setEnabled(document);
         }
     }
@@ -389,6 +391,7 @@ void SEMainWindow::UpdateEnabling() {
     m_actions[SEDesktopCmd::kRecordStop]->setEnabled(recording);
     m_actions[SECmd::kRecord]->setEnabled(!recording);
     m_actions[SEDesktopCmd::kRecordAtCursor]->setEnabled(document && !recording);
+    m_actions[SEDesktopCmd::kRecordFormat]->setEnabled(!recording);
 }
 
 bool SEMainWindow::HandleWindowCommand(int id) {
@@ -422,6 +425,9 @@ bool SEMainWindow::HandleWindowCommand(int id) {
         return true;
     case D::kRecordStop:
         StopRecording();
+        return true;
+    case D::kRecordFormat:
+        ChooseRecordFormat();
         return true;
     default:
         break;

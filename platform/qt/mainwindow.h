@@ -31,6 +31,7 @@ class LQtAudioOutput;
 class LSettingsStore;
 class LSoundPlayer;
 class LSoundRecorder;
+struct LAudioFormat;
 class QAction;
 class QLabel;
 class QMenu;
@@ -48,6 +49,7 @@ inline constexpr int kStop = 3012;
 inline constexpr int kPlayStop = 3013;
 inline constexpr int kRecordAtCursor = 3014;
 inline constexpr int kRecordStop = 3015;
+inline constexpr int kRecordFormat = 3016;
 inline constexpr int kZoomIn = 5005;
 inline constexpr int kZoomOut = 5006;
 inline constexpr int kZoomSelection = 5007;
@@ -80,6 +82,9 @@ public:
     [[nodiscard]] QString GetStatusText() const;
     [[nodiscard]] std::vector<std::string> GetRecentFiles() const;
     [[nodiscard]] LSoundPlayer* GetPlayer() const { return m_player.get(); }
+    // The rate and channel count a recording into a new file takes: the user's choice from
+    // "Recording Format...", 44.1 kHz stereo until one is made.
+    [[nodiscard]] LAudioFormat GetRecordFormat() const;
     [[nodiscard]] bool IsBusy() const { return m_busy; }
 
     // ---- SEUserInterface ----
@@ -124,6 +129,8 @@ private:
     void StopPlayback();
     void PollPlayer();
     void StartRecording(bool atCursor);
+    // The "Recording Format..." dialog; stores the choice unless cancelled.
+    void ChooseRecordFormat();
     void StopRecording();
     void PollRecorder();
     bool EnsureOutput();

@@ -12,9 +12,12 @@
 #include "platform/qt/waveformview.h"
 
 #include <QAbstractButton>
+#include <QComboBox>
+#include <QDialogButtonBox>
 #include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QFormLayout>
 #include <QMessageBox>
 #include <QProgressBar>
 #include <QPushButton>
@@ -31,6 +34,9 @@ constexpr char const kOpenFilter[] =
 constexpr char const kSaveFilter[] = "WAV files (*.wav);;FLAC files (*.flac);;All files (*)";
 constexpr int kRecordRateHz = 44100;
 constexpr unsigned kRecordChannels = 2;
+// The rates offered for recording: the telephone, speech, broadcast, CD and studio rates.
+constexpr int kRecordRates[] = {8000,  11025, 16000, 22050,  32000, 44100,
+                                48000, 88200, 96000, 176400, 192000};
 
 } // namespace
 
@@ -245,9 +251,11 @@ void SEMainWindow::StartRecording(bool atCursor) {
         m_input = std::make_unique<LQtAudioInput>();
         m_recorder = std::make_unique<LSoundRecorder>(*m_input);
     }
+    // Into a document with audio, its own format; into a new one, the user's choice.
     LCutListAudio& audio = view->GetFile()->GetAudio();
-    int const rate = audio.GetSampleRate() > 0 ? audio.GetSampleRate() : kRecordRateHz;
-    unsigned const channels = audio.GetChannels() > 0 ? audio.GetChannels() : kRecordChannels;
+    LAudioFormat const chosen = GetRecordFormat();
+    int const rate = audio.GetSampleRate() > 0 ? audio.GetSampleRate() : chosen.rateHz;
+    unsigned const channels = audio.GetChannels() > 0 ? audio.GetChannels() : chosen.channels;
     long long const at = atCursor ? view->GetFile()->GetCursor() : -1;
     std::string error;
     if (!m_recorder->Start(
@@ -267,6 +275,50 @@ void SEMainWindow::StartRecording(bool atCursor) {
     m_meter->show();
     m_recordTimer->start();
     UpdateEnabling();
+}
+
+LAudioFormat SEMainWindow::GetRecordFormat() const {
+    // A hand-edited store may hold anything: only the values the dialog offers are taken.
+    int const rate = m_settings.GetInt("Record", "SampleRate", kRecordRateHz);
+    int const channels = m_settings.GetInt("Record", "Channels", kRecordChannels);
+    LAudioFormat format{kRecordRateHz, kRecordChannels};
+    if (std::find(std::begin(kRecordRates), std::end(kRecordRates), rate) !=
+        std::end(kRecordRates)) {
+        format.rateHz = rate;
+    }
+    if (channels == 1 || channels == 2) {
+        format.channels = static_cast<unsigned>(channels);
+    }
+    return format;
+}
+
+void SEMainWindow::ChooseRecordFormat() {
+    LAudioFormat const current = GetRecordFormat();
+    QDialog dialog(this);
+    dialog.setWindowTitle(tr("Recording Format"));
+    auto* rates = new QComboBox(&dialog);
+    for (int rate : kRecordRates) {
+        rates->addItem(tr("%1 Hz").arg(rate), rate);
+    }
+    rates->setCurrentIndex(rates->findData(current.rateHz));
+    auto* channels = new QComboBox(&dialog);
+    channels->addItem(tr("Mono"), 1);
+    channels->addItem(tr("Stereo"), 2);
+    channels->setCurrentIndex(channels->findData(static_cast<int>(current.channels)));
+    auto* form = new QFormLayout(&dialog);
+    form->addRow(tr("Sample rate:"), rates);
+    form->addRow(tr("Channels:"), channels);
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, &dialog);
+    QObject::connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
+    QObject::connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+    form->addRow(buttons);
+    if (dialog.exec() != QDialog::Accepted) {
+        return;
+    }
+    if (!m_settings.SetInt("Record", "SampleRate", rates->currentData().toInt()) ||
+        !m_settings.SetInt("Record", "Channels", channels->currentData().toInt())) {
+        (void)MessageBox("Recording Format", "The recording format could not be stored.", {"OK"});
+    }
 }
 
 void SEMainWindow::PollRecorder() {

@@ -7,6 +7,7 @@
 #include "llib/gen/settings.h"
 #include "llib/snd/cache.h"
 #include "llib/snd/gensource.h"
+#include "llib/snd/player.h"
 #include "platform/qt/effectdialog.h"
 #include "platform/qt/mainwindow.h"
 #include "platform/qt/progressdialog.h"
@@ -17,6 +18,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QComboBox>
 #include <QDir>
 #include <QDoubleSpinBox>
 #include <QElapsedTimer>
@@ -318,6 +320,33 @@ TEST_F(MainWindowTest, RecentFilesAndGeometryAreRemembered) {
 
 // Every menu command, on a document with a selection, with every dialog it opens cancelled:
 // the window must come through all of them (ASan watches for what a handler gets wrong).
+// The recording format of new files: 44.1 kHz stereo at first, then what the dialog was given,
+// remembered in the settings; a store edited by hand to something the dialog does not offer
+// falls back to the default.
+TEST_F(MainWindowTest, RecordingFormatIsChosenAndRemembered) {
+    LAudioFormat format = m_window->GetRecordFormat();
+    EXPECT_EQ(format.rateHz, 44100);
+    EXPECT_EQ(format.channels, 2u);
+    AnswerNextDialog([](QDialog* dialog) {
+        QList<QComboBox*> const boxes = dialog->findChildren<QComboBox*>();
+        ASSERT_EQ(boxes.size(), 2);
+        boxes[0]->setCurrentIndex(boxes[0]->findData(48000));
+        boxes[1]->setCurrentIndex(boxes[1]->findData(1));
+        dialog->accept();
+    });
+    EXPECT_EQ(m_window->RunCommand(SEDesktopCmd::kRecordFormat), SEResult::kDone);
+    format = m_window->GetRecordFormat();
+    EXPECT_EQ(format.rateHz, 48000);
+    EXPECT_EQ(format.channels, 1u);
+    EXPECT_EQ(m_settings->GetInt("Record", "SampleRate", 0), 48000);
+
+    ASSERT_TRUE(m_settings->SetInt("Record", "SampleRate", 12345));
+    ASSERT_TRUE(m_settings->SetInt("Record", "Channels", 7));
+    format = m_window->GetRecordFormat();
+    EXPECT_EQ(format.rateHz, 44100);
+    EXPECT_EQ(format.channels, 2u);
+}
+
 TEST_F(MainWindowTest, EveryMenuCommandRunsWithItsDialogsCancelled) {
     Open(WriteWav("any.wav", HalfAndHalf(kRate)));
     SEFileGUI* view = m_window->GetCore().GetCurrentView();
