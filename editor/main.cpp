@@ -12,6 +12,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -254,29 +255,67 @@ SEResult MainDialog::CmNew() {
     return SEResult::kDone;
 }
 
+SEResult MainDialog::ReadFileAudio(char const* titleFormat, char const* failTitle,
+                                   std::string const& path, LCutListAudio& audio) {
+    std::string const title = LStrFormat(titleFormat, path.c_str());
+    return m_core.RunProcess(title.c_str(), failTitle, [&](LProcessInterface& process) {
+        return ProcessGenOpenCutList(process, path.c_str(), audio);
+    });
+}
+
+void MainDialog::ReadFileTags(std::string const& path, SEFile& file) {
+    // Tags travel with the document so that saving it keeps them.
+    file.GetTags() = LFileTagData();
+    if (LGenFileExtension(path.c_str()) == ".wav") {
+        (void)LWavTagsRead(path.c_str(), file.GetTags());
+    }
+}
+
 SEResult MainDialog::CmOpenFile(char const* path) {
     if (path == nullptr || path[0] == '\0') {
         return m_core.Fail("Open", "No file was given to open.");
     }
     std::string const absolute = AbsolutePath(path);
     LCutListAudio audio;
-    std::string const title = LStrFormat("Opening \"%s\"", absolute.c_str());
-    SEResult const result =
-        m_core.RunProcess(title.c_str(), "Open", [&](LProcessInterface& process) {
-            return ProcessGenOpenCutList(process, absolute.c_str(), audio);
-        });
-    if (result != SEResult::kDone) {
+    if (SEResult const result = ReadFileAudio("Opening \"%s\"", "Open", absolute, audio);
+        result != SEResult::kDone) {
         return result;
     }
     auto file = std::make_shared<SEFile>(absolute.c_str(), audio);
-    if (LGenFileExtension(absolute.c_str()) == ".wav") {
-        // Tags travel with the document so that saving it keeps them.
-        (void)LWavTagsRead(absolute.c_str(), file->GetTags());
-    }
+    ReadFileTags(absolute, *file);
     file->SetModified(false);
     file->SetFileClean();
     SEFileGUI& view = m_windows.Add(std::move(file));
     m_ui.Redraw(view);
+    return SEResult::kDone;
+}
+
+SEResult MainDialog::CmReloadFile(SEFileGUI* view) {
+    if (view == nullptr || view->GetFile() == nullptr || view->GetFile()->GetPath()[0] == '\0') {
+        return SEResult::kIgnored;
+    }
+    SEFile& file = *view->GetFile();
+    std::string const path = file.GetPath();
+    LCutListAudio audio;
+    if (SEResult const result = ReadFileAudio("Reloading \"%s\"", "Reload", path, audio);
+        result != SEResult::kDone) {
+        return result;
+    }
+    if (!m_core.StartModifyFile(view, "Reload")) {
+        return SEResult::kFailed;
+    }
+    file.GetAudio() = audio;
+    if (!m_core.EndModifyFile(view)) {
+        m_core.RollBackModifyFile(view);
+        return SEResult::kFailed;
+    }
+    long long const cursor = std::min(file.GetCursor(), audio.GetLengthFrames());
+    m_core.ModifySelection(view, cursor, cursor, cursor);
+    ReadFileTags(path, file);
+    file.SetFileClean();
+    file.TakeFileTimeStamps();
+    UpdateUndoMenuItem();
+    m_ui.Redraw(*view);
     return SEResult::kDone;
 }
 

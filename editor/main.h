@@ -32,6 +32,10 @@ public:
     SEResult CmNew();
     // Opens `path` into a new document, made current.
     SEResult CmOpenFile(char const* path);
+    // Reads the document's file again, as one modification described "Reload" (so Undo brings
+    // back what was there); the document is then clean, as just opened. For a file that another
+    // program changed (SEFile::TestForFileModifications).
+    SEResult CmReloadFile(SEFileGUI* view);
     SEResult CmOpen();
     // Closes `view` (the current one when null), asking first when it holds unsaved changes.
     SEResult CmCloseFileWindow(SEFileGUI* view = nullptr);
@@ -69,6 +73,11 @@ public:
 
 private:
     SEResult Dispatch(int id);
+    // Decodes `path` into `audio` under a progress display titled `titleFormat` with the path.
+    SEResult ReadFileAudio(char const* titleFormat, char const* failTitle, std::string const& path,
+                           LCutListAudio& audio);
+    // The file's tags into the document (none but a WAV file's are read yet).
+    static void ReadFileTags(std::string const& path, SEFile& file);
     SEResult BadValue(char const* title, std::string const& text) {
         return m_core.Fail(title, text);
     }

@@ -3,6 +3,7 @@
 
 #include "editor/secommands.h"
 #include "llib/gen/settings.h"
+#include "llib/gen/stringlong.h"
 #include "llib/snd/player.h"
 #include "llib/snd/recorder.h"
 #include "llib/snd/soundtime.h"
@@ -558,6 +559,43 @@ void SEMainWindow::RestoreSettings() {
 void SEMainWindow::SaveSettings() {
     (void)m_settings.SetString(kGroup, "Geometry", saveGeometry().toBase64().toStdString().c_str());
     (void)m_settings.SetString(kGroup, "WindowState", saveState().toBase64().toStdString().c_str());
+}
+
+void SEMainWindow::changeEvent(QEvent* event) {
+    QMainWindow::changeEvent(event);
+    if (event->type() == QEvent::ActivationChange && isActiveWindow()) {
+        // Once the activation has been handled: the check may open dialogs of its own.
+        QTimer::singleShot(0, this, [this] { CheckFilesChangedOutside(); });
+    }
+}
+
+void SEMainWindow::CheckFilesChangedOutside() {
+    if (m_checkingFiles || m_busy || m_recordingView != nullptr) {
+        return;
+    }
+    m_checkingFiles = true;
+    SEWindowManager& windows = m_core.GetWindows();
+    for (std::size_t i = 0; i < windows.GetCount(); ++i) {
+        SEFileGUI* const view = windows.At(i);
+        SEFile* const file = view != nullptr ? view->GetFile() : nullptr;
+        if (file == nullptr || !file->TestForFileModifications(&m_settings)) {
+            continue;
+        }
+        std::string const text =
+            file->IsModified()
+                ? LStrFormat("The file \"%s\" has been changed by another program. Reload it? "
+                             "The changes made here would be replaced (Undo brings them back).",
+                             file->GetPath())
+                : LStrFormat("The file \"%s\" has been changed by another program. Reload it?",
+                             file->GetPath());
+        if (MessageBox("File Changed", text.c_str(), {"Reload", "Keep"}) == 0) {
+            (void)m_core.CmReloadFile(view);
+            SyncTabs();
+        }
+    }
+    m_checkingFiles = false;
+    UpdateStatus();
+    UpdateEnabling();
 }
 
 void SEMainWindow::closeEvent(QCloseEvent* event) {

@@ -85,6 +85,9 @@ public:
     // The rate and channel count a recording into a new file takes: the user's choice from
     // "Recording Format...", 44.1 kHz stereo until one is made.
     [[nodiscard]] LAudioFormat GetRecordFormat() const;
+    // Asks, for each document whose file another program changed since it was loaded, saved
+    // or last asked about, whether to reload it. Runs whenever the window becomes active.
+    void CheckFilesChangedOutside();
     [[nodiscard]] bool IsBusy() const { return m_busy; }
 
     // ---- SEUserInterface ----
@@ -104,6 +107,7 @@ public:
                          bool redoEnabled) override;
 
 protected:
+    void changeEvent(QEvent* event) override;
     void closeEvent(QCloseEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dropEvent(QDropEvent* event) override;
@@ -137,6 +141,7 @@ private:
 
     MainDialog m_core;
     LSettingsStore& m_settings;
+    bool m_checkingFiles = false; // the check's own questions change the activation
     QTabWidget* m_tabs = nullptr;
     QTreeWidget* m_tasks = nullptr;
     QLabel* m_status = nullptr;

@@ -15,6 +15,9 @@
 #include "tests/support/tempdir.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -897,6 +900,46 @@ TEST_F(EditorTest, SavingReplacesTheFileOnlyWhenCompleteAndMakesTheDocumentClean
     EXPECT_EQ(Run(SECmd::kSaveAs), SEResult::kCancelled); // no file chosen
     EXPECT_EQ(Run(SECmd::kOpen, {{"path", PathOf("nothing.wav")}}), SEResult::kFailed);
     EXPECT_EQ(m_ui.GetMessages().back().title, "Open");
+}
+
+// A file another program rewrote: the test sees it once, reloading takes its new audio as one
+// undoable "Reload", and the document is clean and the file's stamps current afterwards.
+TEST_F(EditorTest, AFileChangedOutsideIsReloadedAsOneUndoableChange) {
+    std::string const path = PathOf("shared.wav");
+    auto write = [&path](long long frames, long long mtimeSeconds) {
+        LSoundSource ramp = LMakeSource<LTestBufferSource>(44100, 2, Ramp(frames, 2));
+        LTestProcess process;
+        ASSERT_EQ(ProcessGenSaveSource(process, ramp, path.c_str(), 44100, 2, nullptr, nullptr),
+                  LProcessResult::kCompleted);
+        // Stamps are whole seconds: the rewrite must not fall in the same second as the load.
+        timespec const times[2] = {{mtimeSeconds, 0}, {mtimeSeconds, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    };
+    write(1000, 1700000000);
+    ASSERT_EQ(Run(SECmd::kOpen, {{"path", path}}), SEResult::kDone);
+    SEFile& file = Current();
+    ASSERT_EQ(Cursor("900smp"), SEResult::kDone);
+    EXPECT_FALSE(file.TestForFileModifications(m_settings.get()));
+
+    write(500, 1700000100);
+    EXPECT_TRUE(file.TestForFileModifications(m_settings.get()));
+    ASSERT_EQ(m_dialog->CmReloadFile(m_dialog->GetCurrentView()), SEResult::kDone);
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 500);
+    EXPECT_EQ(file.GetCursor(), 500) << "the cursor stays inside the new audio";
+    EXPECT_FALSE(file.IsModified());
+    EXPECT_FALSE(file.TestForFileModifications(m_settings.get()));
+    EXPECT_EQ(m_dialog->GetWindows().GetCount(), 1u);
+
+    ASSERT_EQ(Run(SECmd::kUndo), SEResult::kDone);
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 1000);
+    EXPECT_TRUE(file.IsModified()) << "the old audio no longer matches the file";
+    ASSERT_EQ(Run(SECmd::kRedo), SEResult::kDone);
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 500);
+    EXPECT_FALSE(file.IsModified());
+
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    EXPECT_EQ(m_dialog->CmReloadFile(m_dialog->GetCurrentView()), SEResult::kFailed);
+    EXPECT_EQ(file.GetAudio().GetLengthFrames(), 500) << "a failed reload changes nothing";
 }
 
 // A model of the audio with a plain undo and redo stack; the editor must agree with it after

@@ -17,6 +17,7 @@
 #include "tests/support/testsources.h"
 
 #include <QAction>
+#include <QAbstractButton>
 #include <QApplication>
 #include <QComboBox>
 #include <QDir>
@@ -28,6 +29,9 @@
 #include <QTabWidget>
 #include <QTest>
 #include <QTimer>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -320,6 +324,47 @@ TEST_F(MainWindowTest, RecentFilesAndGeometryAreRemembered) {
 
 // Every menu command, on a document with a selection, with every dialog it opens cancelled:
 // the window must come through all of them (ASan watches for what a handler gets wrong).
+// A document whose file another program rewrote: the window asks once; "Keep" leaves the
+// document, and after a further rewrite "Reload" brings the new audio in as an undoable change.
+TEST_F(MainWindowTest, AFileChangedOutsideIsOfferedForReloading) {
+    std::string const path = WriteWav("outside.wav", HalfAndHalf(kRate));
+    timespec const loaded[2] = {{1700000000, 0}, {1700000000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), loaded, 0), 0);
+    Open(path);
+    auto rewrite = [&](long long frames, long long seconds) {
+        (void)WriteWav("outside.wav", HalfAndHalf(frames));
+        timespec const times[2] = {{seconds, 0}, {seconds, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    };
+    auto answer = [](char const* button) {
+        AnswerNextDialog([button](QDialog* dialog) {
+            EXPECT_EQ(dialog->windowTitle(), "File Changed");
+            for (QAbstractButton* b : dialog->findChildren<QAbstractButton*>()) {
+                if (b->text() == button) {
+                    b->click();
+                    return;
+                }
+            }
+            ADD_FAILURE() << "no " << button << " button";
+            dialog->reject();
+        });
+    };
+
+    rewrite(kRate / 2, 1700000100);
+    answer("Keep");
+    m_window->CheckFilesChangedOutside();
+    EXPECT_EQ(Current().GetAudio().GetLengthFrames(), kRate);
+    m_window->CheckFilesChangedOutside(); // asked once: no dialog, nothing changes
+    EXPECT_EQ(Current().GetAudio().GetLengthFrames(), kRate);
+
+    rewrite(kRate / 4, 1700000200);
+    answer("Reload");
+    m_window->CheckFilesChangedOutside();
+    EXPECT_EQ(Current().GetAudio().GetLengthFrames(), kRate / 4);
+    EXPECT_FALSE(Current().IsModified());
+    EXPECT_EQ(UndoText(), QStringLiteral("Undo Reload"));
+}
+
 // The recording format of new files: 44.1 kHz stereo at first, then what the dialog was given,
 // remembered in the settings; a store edited by hand to something the dialog does not offer
 // falls back to the default.
