@@ -203,6 +203,7 @@ void SEMainWindow::BuildMenus() {
     AddCommand(play, D::kRecordAtCursor, tr("Record at Cursor"));
     AddCommand(play, D::kRecordStop, tr("Stop Recording"));
     AddCommand(play, D::kRecordFormat, tr("Recording &Format..."));
+    AddCommand(play, D::kAudioDevices, tr("Audio &Devices..."));
 
     // The desktop theme's icons where it has them, else the style's own.
     struct Icon {
@@ -384,7 +385,7 @@ void SEMainWindow::UpdateEnabling() {
                 action->setEnabled(info->built && (document || !info->needsDocument));
             }
         } else if (id != SEDesktopCmd::kQuit && id != SEDesktopCmd::kRecordStop &&
-                   id != SEDesktopCmd::kRecordFormat) {
+                   id != SEDesktopCmd::kRecordFormat && id != SEDesktopCmd::kAudioDevices) {
             action->setEnabled(document);
         }
     }
@@ -393,6 +394,7 @@ void SEMainWindow::UpdateEnabling() {
     m_actions[SECmd::kRecord]->setEnabled(!recording);
     m_actions[SEDesktopCmd::kRecordAtCursor]->setEnabled(document && !recording);
     m_actions[SEDesktopCmd::kRecordFormat]->setEnabled(!recording);
+    m_actions[SEDesktopCmd::kAudioDevices]->setEnabled(!recording);
 }
 
 bool SEMainWindow::HandleWindowCommand(int id) {
@@ -429,6 +431,9 @@ bool SEMainWindow::HandleWindowCommand(int id) {
         return true;
     case D::kRecordFormat:
         ChooseRecordFormat();
+        return true;
+    case D::kAudioDevices:
+        ChooseAudioDevices();
         return true;
     default:
         break;

@@ -19,6 +19,7 @@
 #include "editor/main.h"
 #include "editor/seui.h"
 
+#include <QByteArray>
 #include <QMainWindow>
 
 #include <map>
@@ -50,6 +51,7 @@ inline constexpr int kPlayStop = 3013;
 inline constexpr int kRecordAtCursor = 3014;
 inline constexpr int kRecordStop = 3015;
 inline constexpr int kRecordFormat = 3016;
+inline constexpr int kAudioDevices = 3017;
 inline constexpr int kZoomIn = 5005;
 inline constexpr int kZoomOut = 5006;
 inline constexpr int kZoomSelection = 5007;
@@ -85,6 +87,9 @@ public:
     // The rate and channel count a recording into a new file takes: the user's choice from
     // "Recording Format...", 44.1 kHz stereo until one is made.
     [[nodiscard]] LAudioFormat GetRecordFormat() const;
+    // The devices playback and recording use: the user's choice from "Audio Devices...", or
+    // empty (the system's default) when none was made or the chosen one is no longer listed.
+    [[nodiscard]] QByteArray GetAudioDeviceId(bool input) const;
     // Asks, for each document whose file another program changed since it was loaded, saved
     // or last asked about, whether to reload it. Runs whenever the window becomes active.
     void CheckFilesChangedOutside();
@@ -135,6 +140,8 @@ private:
     void StartRecording(bool atCursor);
     // The "Recording Format..." dialog; stores the choice unless cancelled.
     void ChooseRecordFormat();
+    // The "Audio Devices..." dialog; stores the choice unless cancelled.
+    void ChooseAudioDevices();
     void StopRecording();
     void PollRecorder();
     bool EnsureOutput();

@@ -38,6 +38,15 @@ constexpr unsigned kRecordChannels = 2;
 constexpr int kRecordRates[] = {8000,  11025, 16000, 22050,  32000, 44100,
                                 48000, 88200, 96000, 176400, 192000};
 
+// Puts OK and Cancel under a form and runs its dialog; true when the user chose OK.
+bool ExecWithOkCancel(QDialog& dialog, QFormLayout& form) {
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, &dialog);
+    QObject::connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
+    QObject::connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+    form.addRow(buttons);
+    return dialog.exec() == QDialog::Accepted;
+}
+
 } // namespace
 
 int SEMainWindow::MessageBox(char const* title, char const* text,
@@ -147,11 +156,56 @@ void SEMainWindow::UpdateUndoItems(char const* undoLabel, bool undoEnabled, char
 // ---- playback ----
 
 bool SEMainWindow::EnsureOutput() {
-    if (m_player == nullptr) {
-        m_output = std::make_unique<LQtAudioOutput>();
+    // Called with nothing playing, so a player on another device can simply be replaced.
+    QByteArray const id = GetAudioDeviceId(false);
+    if (m_player == nullptr || m_output->GetDeviceId() != id) {
+        m_player.reset();
+        m_output = std::make_unique<LQtAudioOutput>(id);
         m_player = std::make_unique<LSoundPlayer>(*m_output);
     }
     return true;
+}
+
+QByteArray SEMainWindow::GetAudioDeviceId(bool input) const {
+    std::string const id =
+        m_settings.GetString("Audio", input ? "InputDevice" : "OutputDevice", "");
+    if (id.empty()) {
+        return {};
+    }
+    // A device unplugged since it was chosen: the default rather than a failure every time.
+    for (LQtAudioDeviceEntry const& entry : LQtListAudioDevices(input)) {
+        if (entry.id.toStdString() == id) {
+            return entry.id;
+        }
+    }
+    return {};
+}
+
+void SEMainWindow::ChooseAudioDevices() {
+    QDialog dialog(this);
+    dialog.setWindowTitle(tr("Audio Devices"));
+    auto* form = new QFormLayout(&dialog);
+    QComboBox* boxes[2] = {};
+    for (bool const input : {false, true}) {
+        auto* box = new QComboBox(&dialog);
+        box->addItem(tr("System default"), QByteArray());
+        for (LQtAudioDeviceEntry const& entry : LQtListAudioDevices(input)) {
+            box->addItem(QString::fromStdString(entry.name), entry.id);
+        }
+        box->setCurrentIndex(std::max(0, box->findData(GetAudioDeviceId(input))));
+        form->addRow(input ? tr("Recording:") : tr("Playback:"), box);
+        boxes[input ? 1 : 0] = box;
+    }
+    if (!ExecWithOkCancel(dialog, *form)) {
+        return;
+    }
+    StopPlayback();
+    std::string const output = boxes[0]->currentData().toByteArray().toStdString();
+    std::string const input = boxes[1]->currentData().toByteArray().toStdString();
+    if (!m_settings.SetString("Audio", "OutputDevice", output.c_str()) ||
+        !m_settings.SetString("Audio", "InputDevice", input.c_str())) {
+        (void)MessageBox("Audio Devices", "The choice of devices could not be stored.", {"OK"});
+    }
 }
 
 void SEMainWindow::StartPlayback(SEFileGUI& view) {
@@ -247,8 +301,10 @@ void SEMainWindow::StartRecording(bool atCursor) {
         SyncTabs();
         view = m_core.GetCurrentView();
     }
-    if (m_input == nullptr) {
-        m_input = std::make_unique<LQtAudioInput>();
+    if (QByteArray const id = GetAudioDeviceId(true);
+        m_input == nullptr || m_input->GetDeviceId() != id) {
+        m_recorder.reset();
+        m_input = std::make_unique<LQtAudioInput>(id);
         m_recorder = std::make_unique<LSoundRecorder>(*m_input);
     }
     // Into a document with audio, its own format; into a new one, the user's choice.
@@ -308,11 +364,7 @@ void SEMainWindow::ChooseRecordFormat() {
     auto* form = new QFormLayout(&dialog);
     form->addRow(tr("Sample rate:"), rates);
     form->addRow(tr("Channels:"), channels);
-    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, &dialog);
-    QObject::connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
-    QObject::connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
-    form->addRow(buttons);
-    if (dialog.exec() != QDialog::Accepted) {
+    if (!ExecWithOkCancel(dialog, *form)) {
         return;
     }
     if (!m_settings.SetInt("Record", "SampleRate", rates->currentData().toInt()) ||

@@ -256,6 +256,15 @@ void StopQtAudio(std::unique_ptr<TQtAudio>& audio, std::unique_ptr<QIODevice>& f
 
 } // namespace
 
+std::vector<LQtAudioDeviceEntry> LQtListAudioDevices(bool inputs) {
+    std::vector<LQtAudioDeviceEntry> entries;
+    for (QAudioDevice const& device :
+         inputs ? QMediaDevices::audioInputs() : QMediaDevices::audioOutputs()) {
+        entries.push_back({device.id(), device.description().toStdString()});
+    }
+    return entries;
+}
+
 LQtAudioOutput::LQtAudioOutput(QByteArray deviceId, LQtSampleFormats formats)
     : m_deviceId(std::move(deviceId)), m_formats(formats) {}
 

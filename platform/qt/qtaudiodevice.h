@@ -9,7 +9,8 @@
 // Formats: the rate and channel count asked for, in 32-bit float when the device takes it and
 // 16-bit integers otherwise; failing both, the rate and channel count clamped to the device's
 // range, then the device's preferred ones, each again float before 16-bit (or 16-bit alone, when
-// made with LQtSampleFormats::kInt16Only). Open answers the format chosen. A device is chosen by QAudioDevice::id(); an empty id takes the default.
+// made with LQtSampleFormats::kInt16Only). Open answers the format chosen. A device is chosen by
+// QAudioDevice::id(); an empty id takes the default.
 //
 // Threads: Qt's audio objects belong to the thread with the event loop that made them, so every
 // call comes from the GUI main thread, and the pulls and pushes arrive there too, from that
@@ -25,6 +26,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 class QAudioSink;
 class QAudioSource;
@@ -33,6 +35,13 @@ class QIODevice;
 // The sample formats a device may be given: 32-bit float where it takes it, else 16-bit; or
 // 16-bit only, for a device whose float path is broken.
 enum class LQtSampleFormats : unsigned char { kFloatOrInt16, kInt16Only };
+
+// A device the system lists: its id (what the constructors take) and its name for people.
+struct LQtAudioDeviceEntry {
+    QByteArray id;
+    std::string name;
+};
+[[nodiscard]] std::vector<LQtAudioDeviceEntry> LQtListAudioDevices(bool inputs);
 
 class LQtAudioOutput final : public LAudioOutputDevice {
 public:
@@ -49,6 +58,7 @@ public:
     // Qt's count of the microseconds the sink has processed, capped by what it has pulled.
     [[nodiscard]] long long GetPlayedFrames() const override;
     [[nodiscard]] bool HasFailed(std::string& reason) const override;
+    [[nodiscard]] QByteArray const& GetDeviceId() const { return m_deviceId; }
 
 private:
     QByteArray m_deviceId;
@@ -75,6 +85,7 @@ public:
     [[nodiscard]] bool Start(LAudioRing& ring, std::string& error) override;
     void Stop() override;
     [[nodiscard]] bool HasFailed(std::string& reason) const override;
+    [[nodiscard]] QByteArray const& GetDeviceId() const { return m_deviceId; }
 
 private:
     QByteArray m_deviceId;

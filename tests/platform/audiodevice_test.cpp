@@ -187,6 +187,10 @@ TEST_F(AudioDevice, RecordingTheMonitorWhilePlayingHearsThePlayback) {
         LSoundSource source = MakeTone(20.0);
         ASSERT_TRUE(player.Play(source, 0, m_error)) << m_error;
 
+        std::vector<LQtAudioDeviceEntry> const inputs = LQtListAudioDevices(true);
+        EXPECT_TRUE(std::any_of(inputs.begin(), inputs.end(), [](LQtAudioDeviceEntry const& e) {
+            return e.id == "tessel_mic";
+        })) << "the remapped monitor is not listed as an input";
         LQtAudioInput input("tessel_mic", formats);
         LSoundRecorder recorder(input);
         LSoundSink sink = LMakeSink<LTestCapturingSink>(kRateHz, 2);

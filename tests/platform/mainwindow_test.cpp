@@ -365,6 +365,31 @@ TEST_F(MainWindowTest, AFileChangedOutsideIsOfferedForReloading) {
     EXPECT_EQ(UndoText(), QStringLiteral("Undo Reload"));
 }
 
+// The devices: the system's default until one is chosen, a listed device once chosen, and the
+// default again when the chosen one is no longer listed (unplugged).
+TEST_F(MainWindowTest, AudioDevicesAreChosenAndFallBackToTheDefault) {
+    EXPECT_TRUE(m_window->GetAudioDeviceId(false).isEmpty());
+    QByteArray picked;
+    AnswerNextDialog([&picked](QDialog* dialog) {
+        QList<QComboBox*> const boxes = dialog->findChildren<QComboBox*>();
+        ASSERT_EQ(boxes.size(), 2);
+        for (QComboBox* box : boxes) {
+            EXPECT_EQ(box->itemText(0), "System default");
+        }
+        // The last playback device the system lists, or the default when it lists none.
+        boxes[0]->setCurrentIndex(boxes[0]->count() - 1);
+        picked = boxes[0]->currentData().toByteArray();
+        dialog->accept();
+    });
+    EXPECT_EQ(m_window->RunCommand(SEDesktopCmd::kAudioDevices), SEResult::kDone);
+    EXPECT_EQ(m_window->GetAudioDeviceId(false), picked);
+    EXPECT_EQ(m_settings->GetString("Audio", "OutputDevice", "?"), picked.toStdString());
+    EXPECT_TRUE(m_window->GetAudioDeviceId(true).isEmpty());
+
+    ASSERT_TRUE(m_settings->SetString("Audio", "OutputDevice", "tessel-unplugged-device"));
+    EXPECT_TRUE(m_window->GetAudioDeviceId(false).isEmpty());
+}
+
 // The recording format of new files: 44.1 kHz stereo at first, then what the dialog was given,
 // remembered in the settings; a store edited by hand to something the dialog does not offer
 // falls back to the default.
