@@ -209,15 +209,7 @@ void LSoundPlayer::RetireIfEnded() const {
         return;
     }
     if (std::string reason; m_device.HasFailed(reason)) {
-        // What was heard stays the position; the thread may be waiting for room that will never
-        // come, so it is told to stop before the join.
-        m_stoppedPosition =
-            PositionAfter(std::min(m_device.GetPlayedFrames(), m_ring->GetFramesRead()));
-        m_stopRequested.store(true, std::memory_order_release);
-        m_device.Stop();
-        m_thread.Join();
-        m_chain.Close();
-        m_active = false;
+        Halt();
         m_error = "The audio output device stopped during playback (" + reason + ").";
         return;
     }
@@ -232,12 +224,17 @@ void LSoundPlayer::RetireIfEnded() const {
 }
 
 void LSoundPlayer::Stop() {
+    Halt();
+}
+
+void LSoundPlayer::Halt() const {
     if (m_active) {
         m_stoppedPosition =
             PositionAfter(std::min(m_device.GetPlayedFrames(), m_ring->GetFramesRead()));
         m_device.Stop();
         m_active = false;
     }
+    // The thread may be waiting for room in a ring the device no longer empties.
     m_stopRequested.store(true, std::memory_order_release);
     m_thread.Join();
     m_chain.Close();

@@ -586,13 +586,11 @@ void SEMainWindow::CheckFilesChangedOutside() {
         if (file == nullptr || !file->TestForFileModifications(&m_settings)) {
             continue;
         }
-        std::string const text =
-            file->IsModified()
-                ? LStrFormat("The file \"%s\" has been changed by another program. Reload it? "
-                             "The changes made here would be replaced (Undo brings them back).",
-                             file->GetPath())
-                : LStrFormat("The file \"%s\" has been changed by another program. Reload it?",
-                             file->GetPath());
+        std::string text = LStrFormat(
+            "The file \"%s\" has been changed by another program. Reload it?", file->GetPath());
+        if (file->IsModified()) {
+            text += " The changes made here would be replaced (Undo brings them back).";
+        }
         if (MessageBox("File Changed", text.c_str(), {"Reload", "Keep"}) == 0) {
             (void)m_core.CmReloadFile(view);
             SyncTabs();

@@ -324,8 +324,8 @@ TEST_F(MainWindowTest, RecentFilesAndGeometryAreRemembered) {
 
 // Every menu command, on a document with a selection, with every dialog it opens cancelled:
 // the window must come through all of them (ASan watches for what a handler gets wrong).
-// A document whose file another program rewrote: the window asks once; "Keep" leaves the
-// document, and after a further rewrite "Reload" brings the new audio in as an undoable change.
+// A document whose file another program rewrote: "Keep" leaves the document, and after a
+// further rewrite "Reload" brings the new audio in as an undoable change.
 TEST_F(MainWindowTest, AFileChangedOutsideIsOfferedForReloading) {
     std::string const path = WriteWav("outside.wav", HalfAndHalf(kRate));
     timespec const loaded[2] = {{1700000000, 0}, {1700000000, 0}};
@@ -354,14 +354,11 @@ TEST_F(MainWindowTest, AFileChangedOutsideIsOfferedForReloading) {
     answer("Keep");
     m_window->CheckFilesChangedOutside();
     EXPECT_EQ(Current().GetAudio().GetLengthFrames(), kRate);
-    m_window->CheckFilesChangedOutside(); // asked once: no dialog, nothing changes
-    EXPECT_EQ(Current().GetAudio().GetLengthFrames(), kRate);
 
     rewrite(kRate / 4, 1700000200);
     answer("Reload");
     m_window->CheckFilesChangedOutside();
     EXPECT_EQ(Current().GetAudio().GetLengthFrames(), kRate / 4);
-    EXPECT_FALSE(Current().IsModified());
     EXPECT_EQ(UndoText(), QStringLiteral("Undo Reload"));
 }
 

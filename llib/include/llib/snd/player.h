@@ -141,17 +141,19 @@ private:
     [[nodiscard]] long long PositionAfter(long long playedFrames) const;
     // Ends a playback whose last frame has been heard, or whose device failed (owner thread).
     void RetireIfEnded() const;
+    // Stop's work, which a query that finds the device failed does too (hence const).
+    void Halt() const;
 
     LAudioOutputDevice& m_device;
-    // What the thread drives; the owner touches these only before it starts and after it ends
-    // (a query that finds the device failed releases the chain, hence mutable).
+    // What the thread drives; the owner touches these only before it starts and after it ends.
     mutable LSoundSource m_chain;
     std::vector<float> m_block;
     std::unique_ptr<LAudioRing> m_ring;
-    mutable std::atomic<bool> m_stopRequested{false}; // mutable: a failed device ends the thread
+    mutable std::atomic<bool> m_stopRequested{false};
     // Every frame the source gave, once it has given its last; -1 before.
     std::atomic<long long> m_queuedTotal{-1};
-    // Owner thread. A const query that finds the end retires the playback, hence mutable.
+    // Owner thread. A const query that finds the end or a failed device retires the playback,
+    // hence mutable, as are the chain and the stop request above.
     mutable LThread m_thread;
     mutable bool m_active = false;
     mutable long long m_stoppedPosition = 0;
